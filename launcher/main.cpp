@@ -1,0 +1,5 @@
+#include "launcher/launcher.hpp"
+
+int main() {
+    return Launcher::launch(Launcher::startMigration);
+}

@@ -1,0 +1,38 @@
+#include "launcher/launcher.hpp"
+
+#include "tests/support/sandboxed_test.hpp"
+
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <stdexcept>
+
+namespace fs = std::filesystem;
+
+TEST(Launcher, AFailedRunIsReportedAndLeavesNoStamp) {
+    SANDBOXED([] {
+        fs::create_directories("/var/lib/tolva");
+        int status = -1;
+        const auto err = TestSupport::captureStderr([&] {
+            status = Launcher::launch([] {
+                return [] { throw std::runtime_error("couldn't open rpm database"); };
+            });
+        });
+        EXPECT_EQ(status, 1);
+        EXPECT_EQ(err, "ERROR: couldn't open rpm database\nERROR: coundn't migrate rpm packages\n");
+        EXPECT_FALSE(fs::exists(Launcher::stampPath));
+    });
+}
+
+TEST(Launcher, TheRunsFirstStageIsOutsideTheHandler) {
+    SANDBOXED([] {
+        fs::create_directories("/var/lib/tolva");
+        bool bodyRan = false;
+        EXPECT_THROW(Launcher::launch([&]() -> Launcher::RunBody {
+                         throw std::runtime_error("bad configuration");
+                     }),
+                     std::runtime_error);
+        EXPECT_EQ(Launcher::launch([&] { return [&] { bodyRan = true; }; }), 0);
+        EXPECT_TRUE(bodyRan);
+        EXPECT_TRUE(fs::is_regular_file(Launcher::stampPath));
+    });
+}

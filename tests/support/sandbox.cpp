@@ -1,0 +1,157 @@
+#include "tests/support/sandbox.hpp"
+
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <fstream>
+#include <sched.h>
+#include <stdexcept>
+#include <sys/mman.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+
+namespace TestSupport {
+
+namespace {
+
+constexpr std::array overlaidTrees{"/usr", "/etc", "/var", "/opt", "/root"};
+
+[[noreturn]] void fail(const std::string& what) {
+    throw std::runtime_error(what + ": " + std::strerror(errno));
+}
+
+void mountOrFail(const char* source, const std::string& target, const char* type,
+                 unsigned long flags, const std::string& options) {
+    if (::mount(source, target.c_str(), type, flags, options.empty() ? nullptr : options.c_str()))
+        fail("mount " + std::string(type ? type : "") + " on " + target);
+}
+
+void writeFile(const fs::path& path, const std::string& text) {
+    std::ofstream file(path);
+    file << text;
+    if (!file.flush())
+        throw std::runtime_error("couldn't write " + path.string());
+}
+
+std::string readFd(int fd) {
+    std::string text;
+    ::lseek(fd, 0, SEEK_SET);
+    char buffer[65536];
+    ssize_t n;
+    while ((n = ::read(fd, buffer, sizeof buffer)) > 0)
+        text.append(buffer, static_cast<size_t>(n));
+    return text;
+}
+
+// Tries the whole recipe in a throw-away child, so the answer is the real one.
+std::string probeSandbox() {
+    if (::geteuid() != 0)
+        return "the sandbox needs root (CAP_SYS_ADMIN for a mount namespace and overlays)";
+    const auto scratch = makeSandboxScratch();
+    const int report = ::memfd_create("sandbox-probe", 0);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        try {
+            enterSandbox(scratch);
+            ::_exit(0);
+        } catch (const std::exception& error) {
+            const std::string text = error.what();
+            [[maybe_unused]] auto written = ::write(report, text.data(), text.size());
+            ::_exit(1);
+        }
+    }
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    std::string reason;
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
+        reason = "cannot make a sandbox here: " + readFd(report);
+    ::close(report);
+    std::error_code ignored;
+    fs::remove_all(scratch, ignored);
+    return reason;
+}
+
+} // namespace
+
+const std::string& sandboxUnavailableReason() {
+    static const std::string reason = probeSandbox();
+    return reason;
+}
+
+fs::path makeSandboxScratch() {
+    std::string pattern = (fs::temp_directory_path() / "tolva-sandbox.XXXXXX").string();
+    if (!::mkdtemp(pattern.data()))
+        fail("mkdtemp");
+    return pattern;
+}
+
+void enterSandbox(const fs::path& scratch) {
+    if (::unshare(CLONE_NEWNS))
+        fail("unshare(CLONE_NEWNS)");
+    mountOrFail(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, {});
+    for (const std::string tree : overlaidTrees) {
+        const auto upper = scratch / "upper" / tree.substr(1);
+        const auto work = scratch / "work" / tree.substr(1);
+        fs::create_directories(upper);
+        fs::create_directories(work);
+        mountOrFail("overlay", tree, "overlay", 0,
+                    "lowerdir=" + tree + ",upperdir=" + upper.string() + ",workdir=" +
+                        work.string());
+    }
+    mountOrFail("tmpfs", "/tmp", "tmpfs", 0, "mode=1777");
+    const char* run = fs::is_directory("/run/systemd") ? "/run/systemd" : "/run";
+    mountOrFail("tmpfs", run, "tmpfs", 0, "mode=755");
+    fs::create_directories("/run/systemd/journal");
+
+    // A device keeps its RPM database in the system tree, not under the user's home.
+    fs::create_directories("/etc/rpm");
+    writeFile("/etc/rpm/macros.dbpath", "%_dbpath /var/lib/rpm\n");
+    ::setenv("HOME", "/root", 1);
+}
+
+ProcessResult runProgram(const std::vector<std::string>& argv, const std::string& input) {
+    const int in = ::memfd_create("stdin", 0);
+    const int out = ::memfd_create("stdout", 0);
+    const int err = ::memfd_create("stderr", 0);
+    if (in < 0 || out < 0 || err < 0)
+        fail("memfd_create");
+    if (!input.empty() && ::write(in, input.data(), input.size()) != ssize_t(input.size()))
+        fail("write stdin");
+    ::lseek(in, 0, SEEK_SET);
+
+    std::vector<char*> args;
+    for (const auto& arg : argv)
+        args.push_back(const_cast<char*>(arg.c_str()));
+    args.push_back(nullptr);
+
+    const pid_t child = ::fork();
+    if (child < 0)
+        fail("fork");
+    if (child == 0) {
+        ::dup2(in, 0);
+        ::dup2(out, 1);
+        ::dup2(err, 2);
+        ::execvp(args[0], args.data());
+        ::_exit(127);
+    }
+    int status = 0;
+    while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    ProcessResult result;
+    result.exited = WIFEXITED(status);
+    result.status = result.exited ? WEXITSTATUS(status) : WTERMSIG(status);
+    result.out = readFd(out);
+    result.err = readFd(err);
+    ::close(in);
+    ::close(out);
+    ::close(err);
+    return result;
+}
+
+} // namespace TestSupport

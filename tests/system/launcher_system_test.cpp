@@ -1,0 +1,82 @@
+// The real launcher binary, run in the sandbox on the real stamp path.
+
+#include "tests/support/sandboxed_test.hpp"
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <gtest/gtest.h>
+
+namespace fs = std::filesystem;
+using TestSupport::runProgram;
+
+namespace {
+
+constexpr const char* stamp = "/var/lib/tolva/.migration_done";
+constexpr const char* alreadyDone =
+    "INFO: package migration from RPM to Tolva is already done, skipping the migration\n";
+
+TestSupport::ProcessResult launch() {
+    return runProgram({TOLVA_MIGRATE});
+}
+
+} // namespace
+
+TEST(LauncherBinary, FirstRunWritesAnEmptyStampAndTheNextOneSkips) {
+    SANDBOXED([] {
+        fs::create_directories("/var/lib/tolva");
+        auto first = launch();
+        EXPECT_TRUE(first.exited);
+        EXPECT_EQ(first.status, 0);
+        EXPECT_EQ(first.err, "");
+        ASSERT_TRUE(fs::is_regular_file(stamp));
+        EXPECT_EQ(fs::file_size(stamp), 0u);
+
+        auto second = launch();
+        EXPECT_EQ(second.status, 0);
+        EXPECT_EQ(second.err, alreadyDone);
+        EXPECT_EQ(second.out, "");
+    });
+}
+
+TEST(LauncherBinary, AnyKindOfStampCountsAsDone) {
+    SANDBOXED([] {
+        fs::create_directories(stamp); // a directory
+        auto run = launch();
+        EXPECT_EQ(run.status, 0);
+        EXPECT_EQ(run.err, alreadyDone);
+        EXPECT_TRUE(fs::is_directory(stamp));
+
+        fs::remove(stamp);
+        fs::create_symlink("/nowhere", stamp); // a dangling link is absent
+        run = launch();
+        EXPECT_EQ(run.status, 0);
+        EXPECT_EQ(run.err, "");
+    });
+}
+
+TEST(LauncherBinary, AStampThatCannotBeWrittenGoesUnreported) {
+    SANDBOXED([] {
+        fs::remove_all("/var/lib/tolva");
+        const auto run = launch();
+        EXPECT_TRUE(run.exited);
+        EXPECT_EQ(run.status, 0);
+        EXPECT_EQ(run.err, "");
+        EXPECT_FALSE(fs::exists("/var/lib/tolva"));
+    });
+}
+
+TEST(LauncherBinary, AFailingStampQueryEndsTheProcessAbnormally) {
+    SANDBOXED([] {
+        fs::remove_all("/var/lib/tolva");
+        fs::create_symlink("/var/lib/tolva", "/var/lib/tolva"); // ELOOP, not absence
+        const auto run = launch();
+        EXPECT_FALSE(run.exited);
+        EXPECT_EQ(run.status, SIGABRT);
+        EXPECT_EQ(run.err.find("INFO: "), std::string::npos) << run.err;
+        EXPECT_EQ(run.err.find("ERROR: "), std::string::npos) << run.err;
+        EXPECT_EQ(run.err.find("WARN: "), std::string::npos) << run.err;
+        fs::remove("/var/lib/tolva");
+        EXPECT_FALSE(fs::exists(stamp));
+    });
+}
