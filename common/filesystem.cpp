@@ -1,0 +1,102 @@
+#include "common/filesystem.hpp"
+
+#include "common/error.hpp"
+#include "common/log.hpp"
+
+#include <sys/xattr.h>
+
+namespace fs = std::filesystem;
+
+namespace Common {
+
+namespace {
+
+[[noreturn]] void fail(std::string&& message) {
+    throw Error(ErrorCode::Filesystem, std::move(message));
+}
+
+// The NUL-separated attribute names of `from` (following a link), as the kernel lists them.
+std::string listExtendedAttributes(const fs::path& from) {
+    const ssize_t size = ::listxattr(from.c_str(), nullptr, 0);
+    if (size < 0)
+        fail("couldn't retrieve size of extended attributes: " + from.string());
+    std::string names(static_cast<std::size_t>(size), '\0');
+    const ssize_t listed = ::listxattr(from.c_str(), names.data(), names.size());
+    if (listed < 0)
+        fail("couldn't retrieve extended attributes: " + from.string());
+    names.resize(static_cast<std::size_t>(listed));
+    return names;
+}
+
+void copyExtendedAttributes(const fs::path& from, const fs::path& to, const std::string& names) {
+    for (std::size_t offset = 0; offset < names.size();) {
+        const std::string name(names.c_str() + offset);
+        offset += name.size() + 1;
+        setExtendedAttribute(to, name, getExtendedAttribute(from, name));
+    }
+}
+
+// Removes a copy whose attributes could not be given to it; a failure is only reported, so
+// that the caller's own error is the one that reaches its caller.
+void removeIncompleteCopy(const fs::path& to) {
+    try {
+        fs::remove(to);
+    } catch (const std::exception& error) {
+        LogLine(LogLevel::Warning) << "couldn't cleanup file: " << to;
+        LogLine(LogLevel::Warning) << error;
+    }
+}
+
+} // namespace
+
+std::string getExtendedAttribute(const fs::path& path, const std::string& name) {
+    const ssize_t size = ::getxattr(path.c_str(), name.c_str(), nullptr, 0);
+    if (size < 0)
+        fail("couldn't retrieve size of " + name + " extended attribute: " + path.string());
+    // A value that shrank since the size was asked comes back padded with zero bytes.
+    std::string value(static_cast<std::size_t>(size), '\0');
+    if (::getxattr(path.c_str(), name.c_str(), value.data(), value.size()) < 0)
+        fail("couldn't retrieve " + name + " extended attribute: " + path.string());
+    return value;
+}
+
+void setExtendedAttribute(const fs::path& path, const std::string& name, const std::string& value) {
+    if (value.empty())
+        return;
+    if (::lsetxattr(path.c_str(), name.c_str(), value.data(), value.size(), 0) < 0)
+        fail("couldn't attach " + name + " extended attribute to " + path.string());
+}
+
+void copyFileWithExtendedAttributes(const fs::path& from, const fs::path& to) {
+    const std::string names = listExtendedAttributes(from);
+    try {
+        if (to.has_parent_path())
+            fs::create_directories(to.parent_path());
+        fs::copy_file(from, to);
+    } catch (const std::exception& error) {
+        LogLine(LogLevel::Error) << error;
+        fail("couldn't copy file " + from.string() + " -> " + to.string());
+    }
+    if (names.empty())
+        return;
+    try {
+        copyExtendedAttributes(from, to, names);
+    } catch (...) {
+        removeIncompleteCopy(to);
+        throw;
+    }
+}
+
+fs::path remapPath(const fs::path& path, const std::vector<RemapRule>& rules) {
+    const std::string& text = path.native();
+    const std::string dir = text.ends_with('/') ? text : text + '/';
+    for (const auto& rule : rules) {
+        if (rule.prefix == dir)
+            return rule.target;
+        if (text.starts_with(rule.prefix))
+            return rule.target / text.substr(rule.prefix.size());
+    }
+    return path.relative_path();
+}
+
+} // namespace Common

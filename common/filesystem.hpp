@@ -1,0 +1,38 @@
+#pragma once
+
+// File utilities that keep extended attributes, and the placement of paths by prefix rules.
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace Common {
+
+// Reads one attribute of the file at `path`, following a symbolic link there. The value may
+// hold NUL bytes. Throws Common::Error (Filesystem).
+std::string getExtendedAttribute(const std::filesystem::path& path, const std::string& name);
+
+// Writes one attribute on `path` itself (a symbolic link gets the attribute, not its target).
+// An empty value is never written: the call does nothing. Throws Common::Error (Filesystem).
+void setExtendedAttribute(const std::filesystem::path& path, const std::string& name,
+                          const std::string& value);
+
+// Copies the contents of `from` (a link there is followed) to the new file `to`, creating the
+// missing parents of `to`, then every extended attribute of `from` in list order. An existing
+// `to` is refused. When an attribute cannot be copied, `to` is removed again. Throws
+// Common::Error (Filesystem).
+void copyFileWithExtendedAttributes(const std::filesystem::path& from,
+                                    const std::filesystem::path& to);
+
+// One rule of a placement table: a path beginning with `prefix` is placed under `target`.
+struct RemapRule {
+    std::string prefix; // by convention an absolute directory ending in "/"
+    std::filesystem::path target;
+};
+
+// Places `path` by the first matching rule: the directory `prefix` itself gives `target`, a
+// path below it `target` joined with the rest. Without a match the path comes back relative.
+std::filesystem::path remapPath(const std::filesystem::path& path,
+                                const std::vector<RemapRule>& rules);
+
+} // namespace Common
