@@ -1,0 +1,17 @@
+#pragma once
+
+// The writer of a package version's list files: one plain path per line.
+
+#include <filesystem>
+#include <vector>
+
+namespace Core::Tolva {
+
+// Writes `paths` to `file` (created or truncated), each as its plain text followed by a
+// newline, flushing after every line. Throws Common::Error (Filesystem) with `openFailure` when
+// the file cannot be opened and with `writeFailure` when a line cannot be written.
+void writeListFile(const std::filesystem::path& file,
+                   const std::vector<std::filesystem::path>& paths, const char* openFailure,
+                   const char* writeFailure);
+
+} // namespace Core::Tolva
