@@ -1,10 +1,209 @@
 #include "core/tolva/mappings.hpp"
 
-#include "common/filesystem.hpp"
+#include "common/error.hpp"
+#include "common/log.hpp"
+#include "core/tolva/list_file.hpp"
 
 namespace fs = std::filesystem;
+using Common::LogLevel;
+using Common::LogLine;
 
 namespace Core::Tolva {
+
+namespace {
+
+[[noreturn]] void fail(std::string&& message) {
+    throw Common::Error(Common::ErrorCode::Filesystem, std::move(message));
+}
+
+// A relative link target that names a neighbour (libfoo.so -> libfoo.so.1) stays valid when
+// the link is copied into the system directory next to the neighbour's own mapping.
+bool isPlainRelativeLink(const fs::path& source) {
+    if (!fs::is_symlink(fs::symlink_status(source)))
+        return false;
+    const std::string target = fs::read_symlink(source).native();
+    return !target.empty() && target.front() != '.' && target.front() != '/';
+}
+
+bool copyLink(const fs::path& source, const fs::path& mappingPath) {
+    try {
+        fs::create_directories(mappingPath.parent_path());
+        fs::copy_symlink(source, mappingPath);
+        return true;
+    } catch (const std::exception& error) {
+        LogLine(LogLevel::Warning)
+            << "Coulnd't create copy of symlink during mappings generation: " << source;
+        LogLine(LogLevel::Warning) << error;
+        Common::logInfo("Trying to copy content of the symlink target");
+        return false;
+    }
+}
+
+void createMarkedCopy(const fs::path& source, const fs::path& mappingPath) {
+    Common::copyFileWithExtendedAttributes(source, mappingPath);
+    try {
+        Common::setExtendedAttribute(mappingPath, mappingMarkerAttribute, source.native());
+    } catch (...) {
+        try {
+            fs::remove(mappingPath);
+        } catch (const std::exception& error) {
+            LogLine(LogLevel::Warning) << "couldn't remove prepared mapping: " << mappingPath;
+            LogLine(LogLevel::Warning) << error;
+        }
+        throw;
+    }
+}
+
+// Makes room for a mapping: a leftover mapping at `mappingPath` is removed, a system file
+// there stops the run. A dangling link is a leftover as well; it goes only when a mapping
+// is about to be made in its place.
+void clearMappingPath(const fs::path& mappingPath, bool aboutToCreate) {
+    const bool somethingThere = fs::exists(fs::status(mappingPath));
+    const bool danglingLink = !somethingThere && fs::is_symlink(fs::symlink_status(mappingPath));
+    if (!somethingThere && !(danglingLink && aboutToCreate))
+        return;
+    if (somethingThere && !isMapping(mappingPath))
+        fail("attempt to override system file with package mapping: " + mappingPath.string());
+    try {
+        fs::remove(mappingPath);
+    } catch (const std::exception& error) {
+        LogLine(LogLevel::Error) << error;
+        fail("couldn't clean up existing mapping: " + mappingPath.string());
+    }
+}
+
+class MappingRun {
+public:
+    MappingRun(const fs::path& versionDirectory, const PackageNames& package, bool withLib64)
+        : versionDirectory(versionDirectory), table(mappingTable(package, withLib64)),
+          everyRule(mappingTable(package, true)) {}
+
+    void run() {
+        try {
+            // The rows beyond the caller's table are the lib64 twins it did not ask for:
+            // their places are checked and cleared like the others, but nothing is made there.
+            for (std::size_t row = 0; row < everyRule.size(); ++row)
+                mapRule(everyRule[row], row < table.size());
+            const fs::path list = versionDirectory / mappingListName;
+            listCreated = !fs::exists(fs::symlink_status(list));
+            writeListFile(list, created, "couldn't open file to create mapping list",
+                          "couldn't write lines to mapping list");
+        } catch (const std::exception& error) {
+            if (!causeLogged)
+                LogLine(LogLevel::Error) << error;
+            rollBack();
+            fail("couldn't create mappings");
+        }
+    }
+
+private:
+    void mapRule(const MappingRule& rule, bool create) {
+        const fs::path directory = versionDirectory / rule.packageSubdir;
+        if (!fs::is_directory(directory))
+            return;
+        for (const auto& entry : fs::recursive_directory_iterator(directory)) {
+            if (fs::is_directory(entry.status()))
+                continue;
+            const fs::path mappingPath =
+                fs::path(rule.systemPrefix) / entry.path().lexically_relative(directory);
+            clearMappingPath(mappingPath, create);
+            if (create)
+                map(entry.path(), mappingPath, rule.kind);
+        }
+    }
+
+    void map(const fs::path& source, const fs::path& mappingPath, MappingKind kind) {
+        try {
+            createMapping(source, mappingPath, kind);
+        } catch (const std::exception& error) {
+            LogLine(LogLevel::Error)
+                << "couldn't create mapping " << source << " -> " << mappingPath;
+            LogLine(LogLevel::Error) << error;
+            causeLogged = true;
+            throw;
+        }
+        created.push_back(mappingPath);
+    }
+
+    void rollBack() {
+        Common::logInfo("cleaning up created mappings");
+        // A list that this run began is removed; one that was there before is left alone.
+        if (listCreated)
+            removeCreated(versionDirectory / mappingListName);
+        for (const auto& mappingPath : created)
+            removeCreated(mappingPath);
+    }
+
+    static void removeCreated(const fs::path& path) {
+        try {
+            fs::remove(path);
+        } catch (const std::exception& error) {
+            LogLine(LogLevel::Warning) << "couldn't clean up created mapping: " << path;
+            LogLine(LogLevel::Warning) << error;
+        }
+    }
+
+    const fs::path versionDirectory;
+    const std::vector<MappingRule> table;
+    const std::vector<MappingRule> everyRule;
+    std::vector<fs::path> created;
+    bool causeLogged = false;
+    bool listCreated = false;
+};
+
+} // namespace
+
+std::vector<MappingRule> mappingTable(const PackageNames& package, bool withLib64) {
+    using enum MappingKind;
+    const std::string& id = package.id;
+    std::vector<MappingRule> table{
+        {"/usr/bin/", "bin", Symlink},
+        {"/usr/lib/connman/plugins-vpn/", "connman/plugin", Copy},
+        {"/usr/lib/qt5/qml/", "qt5/qml", Symlink},
+        {"/usr/lib/3rdparty/" + id + "/", "3rdparty", Copy},
+        {"/usr/share/" + id + "/", "data", Symlink},
+        {"/usr/share/applications/", "manifest", Symlink},
+        {"/usr/share/icons/hicolor/86x86/apps/", "icons/hicolor/86x86/apps", Symlink},
+        {"/usr/share/icons/hicolor/108x108/apps/", "icons/hicolor/108x108/apps", Symlink},
+        {"/usr/share/icons/hicolor/128x128/apps/", "icons/hicolor/128x128/apps", Symlink},
+        {"/usr/share/icons/hicolor/172x172/apps/", "icons/hicolor/172x172/apps", Symlink},
+        {"/usr/share/ventoral-vpn/", "ventoral-vpn", Copy},
+        {"/etc/av-launcher/", "av-launcher", Symlink},
+        {"/etc/connman/vpn-plugin/", "connman/config", Copy},
+        {"/etc/integrityd/config.d/", "integrityd", Symlink},
+        {"/etc/kcapi/qca_velmor_pkcs11/", "kcapi/qca_velmor_pkcs11", Symlink},
+        {"/usr/libexec/" + id + "/", "libexec", Symlink},
+        {"/opt/extension/p11-kit-modules/", "p11-kit-modules", Symlink},
+        {"/opt/extension/qca-plugins/", "qca-plugins", Symlink},
+        {"/etc/trusted-sources/", "trusted-sources", Symlink},
+    };
+    if (package.orgName && !package.orgName->empty()) {
+        const std::string common = "/usr/share/common/" + *package.orgName + "/";
+        table.push_back({common, "vendor-common", Copy});
+        if (package.appName && !package.appName->empty())
+            table.push_back({common + *package.appName + "/", "common", Symlink});
+    }
+    if (withLib64) {
+        static const std::string lib = "/usr/lib/";
+        const std::size_t rows = table.size();
+        for (std::size_t row = 0; row < rows; ++row) {
+            if (!table[row].systemPrefix.starts_with(lib))
+                continue;
+            MappingRule twin = table[row];
+            twin.systemPrefix.replace(0, lib.size(), "/usr/lib64/");
+            table.push_back(std::move(twin));
+        }
+    }
+    return table;
+}
+
+std::vector<Common::RemapRule> remapRules(const std::vector<MappingRule>& table) {
+    std::vector<Common::RemapRule> rules;
+    rules.reserve(table.size());
+    for (const auto& rule : table)
+        rules.push_back({rule.systemPrefix, rule.packageSubdir});
+    return rules;
+}
 
 bool isMapping(const fs::path& path) {
     std::error_code error;
@@ -18,6 +217,21 @@ bool isMapping(const fs::path& path) {
     } catch (const std::exception&) {
         return false;
     }
+}
+
+void createMapping(const fs::path& source, const fs::path& mappingPath, MappingKind kind) {
+    if (kind == MappingKind::Symlink) {
+        fs::create_directories(mappingPath.parent_path());
+        fs::create_symlink(source, mappingPath);
+        return;
+    }
+    if (isPlainRelativeLink(source) && copyLink(source, mappingPath))
+        return;
+    createMarkedCopy(source, mappingPath);
+}
+
+void createMappings(const fs::path& versionDirectory, const PackageNames& package, bool withLib64) {
+    MappingRun(versionDirectory, package, withLib64).run();
 }
 
 } // namespace Core::Tolva

@@ -1,76 +1,16 @@
-#include "common/error.hpp"
 #include "common/filesystem.hpp"
+#include "tests/support/file_checks.hpp"
 #include "tests/support/sandboxed_test.hpp"
 
-#include <fstream>
 #include <gtest/gtest.h>
-#include <optional>
-#include <sstream>
-#include <sys/mount.h>
-#include <sys/xattr.h>
 
 namespace fs = std::filesystem;
 using Common::copyFileWithExtendedAttributes;
 using Common::getExtendedAttribute;
 using Common::setExtendedAttribute;
-using TestSupport::captureStderr;
+using namespace TestSupport;
 
 namespace {
-
-// The test's own view of a file's attributes, through the C library, links not followed.
-std::vector<std::string> attributeNames(const fs::path& path) {
-    std::string names(65536, '\0');
-    const ssize_t size = ::llistxattr(path.c_str(), names.data(), names.size());
-    if (size < 0)
-        throw std::runtime_error("llistxattr " + path.string());
-    std::vector<std::string> result;
-    for (std::size_t offset = 0; offset < std::size_t(size); offset += result.back().size() + 1)
-        result.emplace_back(names.c_str() + offset);
-    return result;
-}
-
-std::optional<std::string> attribute(const fs::path& path, const std::string& name) {
-    std::string value(65536, '\0');
-    const ssize_t size = ::lgetxattr(path.c_str(), name.c_str(), value.data(), value.size());
-    if (size < 0)
-        return std::nullopt;
-    value.resize(std::size_t(size));
-    return value;
-}
-
-void putAttribute(const fs::path& path, const std::string& name, const std::string& value) {
-    if (::lsetxattr(path.c_str(), name.c_str(), value.data(), value.size(), 0) < 0)
-        throw std::runtime_error("lsetxattr " + name + " on " + path.string());
-}
-
-void writeFile(const fs::path& path, const std::string& content) {
-    fs::create_directories(path.parent_path());
-    std::ofstream(path, std::ios::binary) << content;
-}
-
-std::string readFile(const fs::path& path) {
-    std::ostringstream content;
-    content << std::ifstream(path, std::ios::binary).rdbuf();
-    return content.str();
-}
-
-// The message of the Common::Error that `body` throws; fails the test when it throws none.
-std::string errorOf(const std::function<void()>& body) {
-    try {
-        body();
-    } catch (const Common::Error& error) {
-        EXPECT_EQ(error.code(), Common::ErrorCode::Filesystem);
-        return error.what();
-    }
-    ADD_FAILURE() << "no Common::Error thrown";
-    return {};
-}
-
-void mountOrThrow(const char* type, const fs::path& target, const char* options) {
-    fs::create_directories(target);
-    if (::mount(type, target.c_str(), type, 0, options) != 0)
-        throw std::runtime_error(std::string("mount ") + type + " on " + target.string());
-}
 
 const std::string binaryValue("\0app\0id\0", 8);
 
@@ -207,7 +147,7 @@ TEST(CopyFileWithExtendedAttributes, RefusesAnExistingDestinationAndAMissingSour
 TEST(CopyFileWithExtendedAttributes, AnAttributeThatCannotBeWrittenRemovesTheCopy) {
     SANDBOXED([] {
         // ramfs keeps no extended attributes at all.
-        mountOrThrow("ramfs", "/tmp/ramfs", nullptr);
+        mountFresh("ramfs", "/tmp/ramfs", nullptr);
         writeFile("/opt/copy/user", "data");
         putAttribute("/opt/copy/user", "user.tolva.mapping.target", "/opt/app/x");
         writeFile("/opt/copy/security", "data");
@@ -237,7 +177,7 @@ TEST(CopyFileWithExtendedAttributes, WarnsWhenTheIncompleteCopyCannotBeRemoved) 
     SANDBOXED([] {
         // Three inodes in all: the root, the directory and the copy; no room is left for an
         // attribute. The directory is append-only, so the copy cannot be unlinked either.
-        mountOrThrow("tmpfs", "/tmp/full", "nr_inodes=3");
+        mountFresh("tmpfs", "/tmp/full", "nr_inodes=3");
         const fs::path directory = R"(/tmp/full/a "b"\c)";
         fs::create_directories(directory);
         const auto chattr = TestSupport::runProgram({"chattr", "+a", directory.string()});
@@ -253,12 +193,7 @@ TEST(CopyFileWithExtendedAttributes, WarnsWhenTheIncompleteCopyCannotBeRemoved) 
         EXPECT_EQ(message,
                   R"(couldn't attach user.a extended attribute to /tmp/full/a "b"\c/copy)");
         ASSERT_TRUE(fs::exists(copy));
-        std::string cause;
-        try {
-            fs::remove(copy);
-        } catch (const fs::filesystem_error& error) {
-            cause = error.what();
-        }
+        const std::string cause = removalFailure(copy);
         ASSERT_FALSE(cause.empty());
         EXPECT_EQ(err, "WARN: couldn't cleanup file: \"/tmp/full/a \\\"b\\\"\\\\c/copy\"\n"
                        "WARN: " +
