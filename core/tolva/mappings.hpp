@@ -1,8 +1,6 @@
 #pragma once
 
-// System mappings: the files in system directories that stand for a package's files, the
-// table that says where each package subdirectory is mapped, and the creation of a package's
-// mappings with their list.
+// System mappings: the files in system directories that stand for a package's files.
 
 #include "common/filesystem.hpp"
 

@@ -1,8 +1,6 @@
 #pragma once
 
-// Small file helpers for tests: writing and reading files, a view of extended attributes
-// through the C library (independent of the code under test), and the message of a thrown
-// Common::Error.
+// File helpers for tests, independent of the code under test: files, attributes, mounts, errors.
 
 #include "common/error.hpp"
 
