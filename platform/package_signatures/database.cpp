@@ -77,6 +77,13 @@ std::optional<std::string> readFileIfPresent(const fs::path& file) {
     return text;
 }
 
+void checkEntryName(const std::string& package, int group) {
+    if (!Database::isValidPackageName(package))
+        throw std::invalid_argument("invalid package name \"" + package + "\"");
+    if (!isKnownGroup(group))
+        throw std::invalid_argument("unknown certificate group " + std::to_string(group));
+}
+
 } // namespace
 
 bool Database::isValidPackageName(const std::string& name) {
@@ -131,16 +138,21 @@ std::optional<Certificate> Database::packageCertificateWithGroup(const std::stri
 
 void Database::setPackageCertificate(const std::string& package, int group,
                                      const Certificate& certificate) const {
-    if (!isValidPackageName(package))
-        throw std::invalid_argument("invalid package name \"" + package + "\"");
-    if (!isKnownGroup(group))
-        throw std::invalid_argument("unknown certificate group " + std::to_string(group));
+    checkEntryName(package, group);
     const fs::path directory = root / package;
     std::error_code error;
     fs::create_directories(directory, error);
     if (error)
         throw std::runtime_error("cannot create " + directory.string() + ": " + error.message());
     replaceFileAtomically(certificateFile(package, group), certificate.toPem());
+}
+
+void Database::removePackageCertificate(const std::string& package, int group) const {
+    checkEntryName(package, group);
+    const fs::path file = certificateFile(package, group);
+    if (::unlink(file.c_str()) != 0 && errno != ENOENT && errno != ENOTDIR)
+        failWithErrno("cannot remove " + file.string(), errno);
+    ::rmdir((root / package).c_str()); // fails, as it should, while anything is left inside
 }
 
 } // namespace PackageSignatures

@@ -36,6 +36,10 @@ public:
     void setPackageCertificate(const std::string& package, int group,
                                const Certificate& certificate) const;
 
+    // Forgets the package's certificate of `group`, and the package's directory when that
+    // leaves it empty; nothing happens when there is none. Throws like setPackageCertificate.
+    void removePackageCertificate(const std::string& package, int group) const;
+
     // Letters, digits and "._+-", not starting with "." or "-", at most 255 bytes: a name that
     // stays one directory below the root.
     static bool isValidPackageName(const std::string& name);

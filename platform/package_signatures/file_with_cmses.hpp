@@ -45,6 +45,10 @@ private:
 // Throws std::runtime_error.
 std::vector<Cms> cmsesFromSignatureTag(const std::vector<unsigned char>& tag);
 
+// The signed content of the package file at `path`: from `offset` to the end of the file,
+// read through a large buffer. Throws std::runtime_error.
+BioPtr openSignedContent(const std::filesystem::path& path, std::uint64_t offset);
+
 // A store that trusts the certificates of the PEM file `caFile`, for any purpose (the package
 // signing usages are checked by the signatures themselves). Throws std::runtime_error.
 X509StorePtr loadTrustedCertificates(const std::string& caFile);

@@ -48,6 +48,23 @@ private:
     std::ifstream file;
 };
 
+struct HeaderIntro {
+    std::uint32_t entries = 0;
+    std::uint32_t dataSize = 0;
+    std::uint64_t size() const { return 16 + 16ull * entries + dataSize; }
+};
+
+HeaderIntro readHeaderIntro(Reader& reader, std::uint64_t offset, const std::string& which) {
+    std::array<unsigned char, 16> intro{};
+    reader.read(offset, intro.data(), intro.size());
+    if (std::memcmp(intro.data(), headerMagic, sizeof headerMagic) != 0)
+        reader.refuse("no " + which + " header");
+    const HeaderIntro result{bigEndian32(intro.data() + 8), bigEndian32(intro.data() + 12)};
+    if (result.entries > maxIndexEntries || result.dataSize > maxDataSize)
+        reader.refuse("the " + which + " header is too large");
+    return result;
+}
+
 } // namespace
 
 PackageLayout readPackageLayout(const std::filesystem::path& path) {
@@ -60,23 +77,19 @@ PackageLayout readPackageLayout(const std::filesystem::path& path) {
         reader.refuse("no RPM lead");
 
     layout.signatureHeaderOffset = leadSize;
-    std::array<unsigned char, 16> intro{};
-    reader.read(layout.signatureHeaderOffset, intro.data(), intro.size());
-    if (std::memcmp(intro.data(), headerMagic, sizeof headerMagic) != 0)
-        reader.refuse("no signature header");
-    const std::uint32_t entries = bigEndian32(intro.data() + 8);
-    const std::uint32_t dataSize = bigEndian32(intro.data() + 12);
-    if (entries > maxIndexEntries || dataSize > maxDataSize)
-        reader.refuse("the signature header is too large");
-
-    const std::uint64_t indexOffset = layout.signatureHeaderOffset + intro.size();
+    const HeaderIntro signature =
+        readHeaderIntro(reader, layout.signatureHeaderOffset, "signature");
+    const std::uint32_t entries = signature.entries;
+    const std::uint32_t dataSize = signature.dataSize;
+    layout.signatureHeaderSize = signature.size();
+    const std::uint64_t indexOffset = layout.signatureHeaderOffset + 16;
     const std::uint64_t dataOffset = indexOffset + 16ull * entries;
-    const std::uint64_t headerSize = intro.size() + 16ull * entries + dataSize;
-    layout.contentOffset = layout.signatureHeaderOffset + headerSize + (8 - headerSize % 8) % 8;
-    std::array<unsigned char, 4> mainMagic{};
-    reader.read(layout.contentOffset, mainMagic.data(), mainMagic.size());
-    if (std::memcmp(mainMagic.data(), headerMagic, sizeof headerMagic) != 0)
-        reader.refuse("no main header after the signature header");
+    layout.contentOffset = layout.signatureHeaderOffset + layout.signatureHeaderSize +
+                           (8 - layout.signatureHeaderSize % 8) % 8;
+    layout.mainHeaderSize = readHeaderIntro(reader, layout.contentOffset, "main").size();
+    layout.payloadOffset = layout.contentOffset + layout.mainHeaderSize;
+    if (layout.payloadOffset > layout.fileSize)
+        reader.refuse("the main header ends after the file");
 
     std::vector<unsigned char> index(16ull * entries);
     reader.read(indexOffset, index.data(), index.size());

@@ -2,6 +2,7 @@
 
 #include "platform/package_signatures/oids.hpp"
 
+#include <algorithm>
 #include <openssl/err.h>
 #include <openssl/pem.h>
 #include <stdexcept>
@@ -34,6 +35,16 @@ BioPtr openForReading(const std::string& file, const char* what) {
 
 unsigned char hexValue(char digit) {
     return static_cast<unsigned char>(digit <= '9' ? digit - '0' : digit - 'a' + 10);
+}
+
+// The last 4 bytes of the key id; a shorter key id is padded with zeros in front.
+Bytes imaKeyId(const Certificate& certificate) {
+    const std::string keyId = std::string(8, '0') + certificate.keyId();
+    Bytes bytes;
+    for (std::size_t i = keyId.size() - 8; i < keyId.size(); i += 2)
+        bytes.push_back(
+            static_cast<unsigned char>(hexValue(keyId[i]) << 4 | hexValue(keyId[i + 1])));
+    return bytes;
 }
 
 } // namespace
@@ -127,16 +138,35 @@ Bytes imaFileSignature(const SigningIdentity& signer, const Bytes& sha256) {
     const Bytes signature = trustletSignature(signer, sha256);
     if (signature.size() > 0xffff)
         throw std::runtime_error("a file signature is too long for the IMA format");
-    // A key id shorter than 4 bytes is padded with zeros in front.
-    const std::string keyId = std::string(8, '0') + signer.certificate.keyId();
     Bytes result{imaSignatureType, imaSignatureVersion, imaHashSha256};
-    for (std::size_t i = keyId.size() - 8; i < keyId.size(); i += 2)
-        result.push_back(
-            static_cast<unsigned char>(hexValue(keyId[i]) << 4 | hexValue(keyId[i + 1])));
+    const Bytes keyId = imaKeyId(signer.certificate);
+    result.insert(result.end(), keyId.begin(), keyId.end());
     result.push_back(static_cast<unsigned char>(signature.size() >> 8));
     result.push_back(static_cast<unsigned char>(signature.size() & 0xff));
     result.insert(result.end(), signature.begin(), signature.end());
     return result;
+}
+
+bool trustletSignatureHolds(const Certificate& signer, const Bytes& signature,
+                            const Bytes& sha256) {
+    EvpPkeyCtxPtr context(EVP_PKEY_CTX_new(X509_get0_pubkey(signer.get()), nullptr));
+    const bool holds = context && EVP_PKEY_verify_init(context.get()) == 1 &&
+                       EVP_PKEY_CTX_set_signature_md(context.get(), EVP_sha256()) == 1 &&
+                       EVP_PKEY_verify(context.get(), signature.data(), signature.size(),
+                                       sha256.data(), sha256.size()) == 1;
+    ERR_clear_error();
+    return holds;
+}
+
+bool imaFileSignatureHolds(const Certificate& signer, const Bytes& signature, const Bytes& sha256) {
+    constexpr std::size_t headerSize = 9;
+    if (signature.size() < headerSize || signature[0] != imaSignatureType ||
+        signature[1] != imaSignatureVersion || signature[2] != imaHashSha256 ||
+        (std::size_t(signature[7]) << 8 | signature[8]) != signature.size() - headerSize ||
+        !std::equal(signature.begin() + 3, signature.begin() + 7, imaKeyId(signer).begin()))
+        return false;
+    return trustletSignatureHolds(signer, Bytes(signature.begin() + headerSize, signature.end()),
+                                  sha256);
 }
 
 } // namespace PackageSignatures

@@ -38,4 +38,9 @@ Bytes imaFileSignature(const SigningIdentity& signer, const Bytes& sha256);
 // The DER signature of `sha256` with the signer's key.
 Bytes trustletSignature(const SigningIdentity& signer, const Bytes& sha256);
 
+// Whether a file signature (IMA format v2, as made above) or a trustlet signature of
+// `sha256` was made with the key of `signer`.
+bool imaFileSignatureHolds(const Certificate& signer, const Bytes& signature, const Bytes& sha256);
+bool trustletSignatureHolds(const Certificate& signer, const Bytes& signature, const Bytes& sha256);
+
 } // namespace PackageSignatures
