@@ -1,6 +1,7 @@
 #include "platform/package_signatures/package_layout.hpp"
 
 #include <array>
+#include <cerrno>
 #include <cstring>
 #include <fstream>
 #include <stdexcept>
@@ -27,7 +28,7 @@ class Reader {
 public:
     explicit Reader(const std::filesystem::path& path) : path(path), file(path, std::ios::binary) {
         if (!file)
-            throw std::runtime_error("cannot open " + path.string());
+            throw std::runtime_error("cannot open " + path.string() + ": " + std::strerror(errno));
     }
     void read(std::uint64_t offset, unsigned char* into, std::size_t size) {
         file.seekg(static_cast<std::streamoff>(offset));
@@ -71,9 +72,9 @@ PackageLayout readPackageLayout(const std::filesystem::path& path) {
     Reader reader(path);
     PackageLayout layout;
     layout.fileSize = reader.size();
-    std::array<unsigned char, leadSize> lead{};
-    reader.read(0, lead.data(), lead.size());
-    if (std::memcmp(lead.data(), leadMagic, sizeof leadMagic) != 0)
+    std::array<unsigned char, sizeof leadMagic> magic{};
+    if (layout.fileSize < leadSize || (reader.read(0, magic.data(), magic.size()),
+                                       std::memcmp(magic.data(), leadMagic, sizeof leadMagic) != 0))
         reader.refuse("no RPM lead");
 
     layout.signatureHeaderOffset = leadSize;

@@ -51,10 +51,50 @@ std::string readBytes(const fs::path& path, std::uint64_t offset, std::uint64_t 
     return bytes;
 }
 
-// A header of the file, from its bytes (the 8 magic bytes are not part of librpm's blob).
+std::uint32_t bigEndian32(const std::string& bytes, std::size_t at) {
+    std::uint32_t value = 0;
+    for (std::size_t i = 0; i < 4; ++i)
+        value = value << 8 | static_cast<unsigned char>(bytes[at + i]);
+    return value;
+}
+
+void putBigEndian32(std::string& bytes, std::size_t at, std::uint32_t value) {
+    for (std::size_t i = 0; i < 4; ++i)
+        bytes[at + i] = static_cast<char>(value >> (24 - 8 * i));
+}
+
+// Removes the signature tag's entry from a header blob (entry count, data size, index, data),
+// and its data when that ends the store, as it does when pkgsig wrote it. librpm cannot do it:
+// after headerDel or headerMod on such an imported header, headerExport fails.
+void dropSignatureEntry(std::string& blob) {
+    std::uint32_t entries = bigEndian32(blob, 0);
+    std::uint32_t dataSize = bigEndian32(blob, 4);
+    for (std::uint32_t i = 0; i < entries; ++i) {
+        const std::size_t entry = 8 + 16 * std::size_t(i);
+        if (bigEndian32(blob, entry) != PackageSignatures::SignatureTag)
+            continue;
+        const std::uint32_t offset = bigEndian32(blob, entry + 8);
+        const std::uint32_t count = bigEndian32(blob, entry + 12);
+        blob.erase(entry, 16);
+        --entries;
+        if (std::uint64_t(offset) + count == dataSize) {
+            dataSize = offset;
+            blob.resize(8 + 16 * std::size_t(entries) + dataSize);
+        }
+        break;
+    }
+    putBigEndian32(blob, 0, entries);
+    putBigEndian32(blob, 4, dataSize);
+}
+
+// A header of the file, from its bytes (the 8 magic bytes are not part of librpm's blob),
+// after `edit` of the blob.
 std::shared_ptr<headerToken_s> importHeader(const fs::path& path, std::uint64_t offset,
-                                            std::uint64_t size, const char* which) {
+                                            std::uint64_t size, const char* which,
+                                            void (*edit)(std::string&) = nullptr) {
     std::string blob = readBytes(path, offset + 8, size - 8);
+    if (edit)
+        edit(blob);
     Header header =
         headerImport(blob.data(), static_cast<unsigned int>(blob.size()), HEADERIMPORT_COPY);
     if (!header)
@@ -261,9 +301,9 @@ void PackageFile::writeWithSignatures(const std::vector<PackageSignatures::Cms>&
     Bytes tag;
     for (const auto& cms : signatures)
         tag.insert(tag.end(), cms.der().begin(), cms.der().end());
-    const auto signatureHeader = importHeader(filePath, packageLayout.signatureHeaderOffset,
-                                              packageLayout.signatureHeaderSize, "signature");
-    headerDel(signatureHeader.get(), PackageSignatures::SignatureTag);
+    const auto signatureHeader =
+        importHeader(filePath, packageLayout.signatureHeaderOffset,
+                     packageLayout.signatureHeaderSize, "signature", dropSignatureEntry);
     // headerPutBin accepts only tags that librpm knows; headerPut takes any tag.
     struct rpmtd_s data {};
     rpmtdReset(&data);
