@@ -7,11 +7,21 @@ namespace Core::TrustedSources {
 std::string errorName(TSErrorKind kind) {
     const char* name = "";
     switch (kind) {
-    case TSErrorKind::Internal: name = "Internal"; break;
-    case TSErrorKind::Database: name = "Database"; break;
-    case TSErrorKind::SourceRejectedByAdministrator: name = "SourceRejectedByAdministrator"; break;
-    case TSErrorKind::SourceNotFound: name = "SourceNotFound"; break;
-    case TSErrorKind::UnauthorizedAccess: name = "UnauthorizedAccess"; break;
+    case TSErrorKind::Internal:
+        name = "Internal";
+        break;
+    case TSErrorKind::Database:
+        name = "Database";
+        break;
+    case TSErrorKind::SourceRejectedByAdministrator:
+        name = "SourceRejectedByAdministrator";
+        break;
+    case TSErrorKind::SourceNotFound:
+        name = "SourceNotFound";
+        break;
+    case TSErrorKind::UnauthorizedAccess:
+        name = "UnauthorizedAccess";
+        break;
     case TSErrorKind::UserNotAuthorizedToManageTrustedSources:
         name = "UserNotAuthorizedToManageTrustedSources";
         break;

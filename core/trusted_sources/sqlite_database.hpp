@@ -1,0 +1,42 @@
+#pragma once
+
+// The trusted-sources store in an SQLite file.
+
+#include "core/trusted_sources/database.hpp"
+
+#include <SQLiteCpp/Database.h>
+#include <optional>
+
+namespace Core::TrustedSources {
+
+class SQLiteDatabase : public IDatabase {
+public:
+    static constexpr const char* defaultPath = "/var/lib/trusted-sources/db.sqlite3";
+
+    // Opening never throws for a failure of the store: it is logged, and every operation of
+    // a store that could not be opened throws "trusted sources database not initialized".
+    SQLiteDatabase();
+    explicit SQLiteDatabase(const std::string& path);
+
+    bool isRequired() override;
+    void setRequired(bool required) override;
+    void addSource(const Source& source) override;
+    void removeSource(const std::string& keyId) override;
+    bool hasSource(const std::string& keyId) override;
+    Source source(const std::string& keyId) override;
+    Source packageSource(const std::string& packageId) override;
+    void bindPackageToSource(const std::string& packageId, const std::string& keyId) override;
+    void unbindPackage(const std::string& packageId) override;
+    bool hasPackage(const std::string& packageId) override;
+    std::vector<Source> sources() override;
+
+private:
+    void open(const std::string& path);
+    void migrateToV1();
+    int schemaVersion();
+    SQLite::Database& connection();
+
+    std::optional<SQLite::Database> database;
+};
+
+} // namespace Core::TrustedSources
