@@ -8,9 +8,12 @@ namespace {
 
 const char* prefixOf(LogLevel level) {
     switch (level) {
-    case LogLevel::Info: return "INFO: ";
-    case LogLevel::Warning: return "WARN: ";
-    case LogLevel::Error: return "ERROR: ";
+    case LogLevel::Info:
+        return "INFO: ";
+    case LogLevel::Warning:
+        return "WARN: ";
+    case LogLevel::Error:
+        return "ERROR: ";
     }
     return "";
 }

@@ -25,8 +25,7 @@ public:
     ~LogLine();
 
     template <typename T>
-        requires(!std::is_base_of_v<std::exception, T>)
-    LogLine& operator<<(const T& piece) {
+    requires(!std::is_base_of_v<std::exception, T>) LogLine& operator<<(const T& piece) {
         writePrefix();
         std::cerr << piece;
         return *this;
@@ -43,9 +42,15 @@ private:
 
 // The shorthand for a line of one text.
 void log(LogLevel level, const std::string& text);
-inline void logInfo(const std::string& text) { log(LogLevel::Info, text); }
-inline void logWarning(const std::string& text) { log(LogLevel::Warning, text); }
-inline void logError(const std::string& text) { log(LogLevel::Error, text); }
+inline void logInfo(const std::string& text) {
+    log(LogLevel::Info, text);
+}
+inline void logWarning(const std::string& text) {
+    log(LogLevel::Warning, text);
+}
+inline void logError(const std::string& text) {
+    log(LogLevel::Error, text);
+}
 
 // Event codes that the package database sends to the platform log.
 enum class EventCode : std::uint32_t { PackageUpgrade = 13, CorruptedPackageCleanup = 14 };

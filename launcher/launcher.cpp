@@ -14,8 +14,7 @@ namespace {
 bool stampExists() {
     const auto type = std::filesystem::status(stampPath).type();
     return type != std::filesystem::file_type::not_found &&
-           type != std::filesystem::file_type::unknown &&
-           type != std::filesystem::file_type::none;
+           type != std::filesystem::file_type::unknown && type != std::filesystem::file_type::none;
 }
 
 // Whether the file really opened is not looked at: a missing stamp only means the next

@@ -1,5 +1,4 @@
 #include "common/log.hpp"
-
 #include "tests/support/journal_capture.hpp"
 #include "tests/support/sandboxed_test.hpp"
 
@@ -16,8 +15,9 @@ TEST(LogLine, WritesOnePrefixPerRecordAndEndsTheLine) {
     EXPECT_EQ(captureStderr([] { Common::logWarning("careful"); }), "WARN: careful\n");
     EXPECT_EQ(captureStderr([] { Common::logError("broken"); }), "ERROR: broken\n");
     EXPECT_EQ(captureStderr([] {
-                  LogLine(LogLevel::Info) << "successfully bound " << std::string("demo.notes")
-                                          << " package to source " << "(keyid=" << 42 << ")";
+                  LogLine(LogLevel::Info)
+                      << "successfully bound " << std::string("demo.notes") << " package to source "
+                      << "(keyid=" << 42 << ")";
               }),
               "INFO: successfully bound demo.notes package to source (keyid=42)\n");
     EXPECT_EQ(captureStderr([] {
@@ -51,7 +51,8 @@ TEST(EventLogRecord, ReachesTheJournalAndNotStandardError) {
         TestSupport::JournalCapture journal;
         const auto err = captureStderr([] {
             Common::EventLogRecord(LogLevel::Error, Common::EventCode::CorruptedPackageCleanup)
-                << "/opt/app/" << "demo.notes";
+                << "/opt/app/"
+                << "demo.notes";
         });
         EXPECT_EQ(err, "");
         auto entry = journal.receive();

@@ -1,5 +1,4 @@
 #include "launcher/launcher.hpp"
-
 #include "tests/support/sandboxed_test.hpp"
 
 #include <filesystem>
@@ -13,9 +12,8 @@ TEST(Launcher, AFailedRunIsReportedAndLeavesNoStamp) {
         fs::create_directories("/var/lib/tolva");
         int status = -1;
         const auto err = TestSupport::captureStderr([&] {
-            status = Launcher::launch([] {
-                return [] { throw std::runtime_error("couldn't open rpm database"); };
-            });
+            status = Launcher::launch(
+                [] { return [] { throw std::runtime_error("couldn't open rpm database"); }; });
         });
         EXPECT_EQ(status, 1);
         EXPECT_EQ(err, "ERROR: couldn't open rpm database\nERROR: coundn't migrate rpm packages\n");

@@ -101,8 +101,8 @@ void enterSandbox(const fs::path& scratch) {
         fs::create_directories(upper);
         fs::create_directories(work);
         mountOrFail("overlay", tree, "overlay", 0,
-                    "lowerdir=" + tree + ",upperdir=" + upper.string() + ",workdir=" +
-                        work.string());
+                    "lowerdir=" + tree + ",upperdir=" + upper.string() +
+                        ",workdir=" + work.string());
     }
     mountOrFail("tmpfs", "/tmp", "tmpfs", 0, "mode=1777");
     const char* run = fs::is_directory("/run/systemd") ? "/run/systemd" : "/run";

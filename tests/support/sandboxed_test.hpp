@@ -25,9 +25,9 @@ std::string captureStderr(const std::function<void()>& body);
 
 } // namespace TestSupport
 
-#define SANDBOXED(body)                                                                    \
-    do {                                                                                   \
-        const auto sandboxOutcome = ::TestSupport::runInSandbox(body);                     \
-        if (sandboxOutcome.skipped)                                                        \
-            GTEST_SKIP() << sandboxOutcome.reason;                                         \
+#define SANDBOXED(body)                                                                            \
+    do {                                                                                           \
+        const auto sandboxOutcome = ::TestSupport::runInSandbox(body);                             \
+        if (sandboxOutcome.skipped)                                                                \
+            GTEST_SKIP() << sandboxOutcome.reason;                                                 \
     } while (false)
