@@ -2,10 +2,12 @@
 
 #include "common/error.hpp"
 #include "common/log.hpp"
+#include "core/tolva/list_file.hpp"
 
 #include <array>
 #include <boost/property_tree/ini_parser.hpp>
 #include <boost/property_tree/ptree.hpp>
+#include <fstream>
 
 namespace fs = std::filesystem;
 namespace pt = boost::property_tree;
@@ -96,6 +98,184 @@ void Database::writePackageDataFile(const PackageNames& package, const std::stri
     } catch (const std::exception&) {
         throw Common::Error(Common::ErrorCode::Filesystem,
                             "couldn't create velmor.pkg file " + file.string());
+    }
+}
+
+fs::path Database::createVersionedDirectory(const std::string& id, const std::string& version,
+                                            const fs::path& unpacked) const {
+    if (isAbsent(unpacked))
+        throw Common::Error(Common::ErrorCode::Internal,
+                            "extracted package directory doesn't exist: " + unpacked.string());
+    const auto versioned = versionedDirectoryPath(id, version);
+    try {
+        fs::create_directories(versioned.parent_path());
+        fs::rename(unpacked, versioned);
+    } catch (const std::exception&) {
+        throw Common::Error(Common::ErrorCode::Filesystem,
+                            "couldn't create versioned directory: " + versioned.string());
+    }
+    return versioned;
+}
+
+PackageData Database::readPackageData(const fs::path& packageDirectory) const {
+    if (isAbsent(packageDirectory / nextEntryName))
+        return readCurrentPackageData(packageDirectory);
+    return readNextPackageData(packageDirectory);
+}
+
+PackageData Database::readCurrentPackageData(const fs::path& packageDirectory) const {
+    const auto current = packageDirectory / currentEntryName;
+    try {
+        return readPackageDataFile(current / packageDataFileName);
+    } catch (...) {
+        Common::LogLine(Common::LogLevel::Error)
+            << "couldn't read package data from the current directory: " << current;
+        cleanUpCorruptedPackage(packageDirectory);
+        throw;
+    }
+}
+
+PackageData Database::readNextPackageData(const fs::path& packageDirectory) const {
+    const auto next = packageDirectory / nextEntryName;
+    try {
+        return readPackageDataFile(next / packageDataFileName);
+    } catch (...) {
+        Common::LogLine(Common::LogLevel::Warning)
+            << "couldn't read package data from the next directory: " << next;
+        Common::logInfo("trying to read data from the current directory");
+        Common::LogLine(Common::LogLevel::Info) << "cleaning up corrupted next directory: " << next;
+    }
+    if (fs::is_symlink(fs::symlink_status(next))) {
+        auto target = fs::read_symlink(next);
+        if (target.is_relative())
+            target = packageDirectory / target;
+        try {
+            fs::remove_all(target);
+        } catch (const std::exception& error) {
+            Common::LogLine(Common::LogLevel::Warning) << error;
+            Common::LogLine(Common::LogLevel::Warning)
+                << "couldn't cleanup corrupted package version: " << target;
+        }
+    }
+    try {
+        fs::remove_all(next);
+    } catch (const std::exception& error) {
+        Common::LogLine(Common::LogLevel::Warning) << error;
+        Common::LogLine(Common::LogLevel::Warning)
+            << "couldn't cleanup corrupted next symlink: " << next;
+    }
+    return readCurrentPackageData(packageDirectory);
+}
+
+std::vector<PackageData> Database::installedPackages() const {
+    std::vector<PackageData> packages;
+    for (const auto& packageDirectory : listPackageDirectories()) {
+        try {
+            packages.push_back(readPackageData(packageDirectory));
+        } catch (const std::exception&) {
+            Common::LogLine(Common::LogLevel::Warning)
+                << "corrupted package directory found: " << packageDirectory;
+        }
+    }
+    return packages;
+}
+
+std::vector<fs::path> Database::listPackageDirectories() const {
+    std::vector<fs::path> directories;
+    if (isAbsent(root))
+        return directories;
+    for (const auto& entry : fs::directory_iterator(root)) {
+        if (fs::is_directory(fs::status(entry.path()))) {
+            directories.push_back(entry.path());
+            continue;
+        }
+        Common::LogLine(Common::LogLevel::Warning)
+            << "unexpected entry found in database root directory: " << entry.path();
+        Common::logInfo("cleaning up unexpected entry");
+        try {
+            fs::remove(entry.path());
+        } catch (const std::exception& error) {
+            Common::logWarning("couldn't clean up unexpected entry");
+            Common::LogLine(Common::LogLevel::Warning) << error;
+        }
+    }
+    return directories;
+}
+
+void Database::cleanUpCorruptedPackage(const fs::path& packageDirectory) const {
+    const std::string name = packageDirectory.filename().string();
+    const auto current = packageDirectory / currentEntryName;
+    if (!isAbsent(current)) {
+        Common::logInfo("cleaning up corrupted package mappings: " + name);
+        try {
+            removePackageMappings(current);
+        } catch (const Common::Error& error) {
+            Common::logWarning("couldn't clean up corrupted package mapping: " + name);
+            Common::LogLine(Common::LogLevel::Warning) << error;
+        }
+        Common::logInfo("cleaning up the generated directories of the corrupted package: " + name);
+        try {
+            removeGeneratedDirectories(current);
+        } catch (const Common::Error& error) {
+            Common::logWarning("couldn't clean up the generated directories of the corrupted "
+                               "package: " +
+                               name);
+            Common::LogLine(Common::LogLevel::Warning) << error;
+        }
+    }
+    try {
+        fs::remove_all(packageDirectory);
+        Common::LogLine(Common::LogLevel::Info)
+            << "cleaning up corrupted package directory: " << packageDirectory;
+        Common::EventLogRecord(Common::LogLevel::Error, Common::EventCode::CorruptedPackageCleanup)
+            << packageDirectory.string();
+    } catch (const std::exception& error) {
+        Common::LogLine(Common::LogLevel::Warning)
+            << "couldn't clean up corrupted package directory: " << packageDirectory;
+        Common::LogLine(Common::LogLevel::Warning) << error;
+    }
+}
+
+void Database::removeGeneratedDirectories(const fs::path& versionDirectory) {
+    const auto listFile = versionDirectory / generatedDirectoryListName;
+    if (isAbsent(listFile))
+        return;
+    std::ifstream list(listFile);
+    if (!list)
+        throw Common::Error(Common::ErrorCode::Filesystem,
+                            "couldn't open package generated directory list");
+    for (const auto& directory : readListFile(list)) {
+        if (directory.empty() || isAbsent(directory))
+            continue;
+        try {
+            fs::remove_all(directory);
+        } catch (const std::exception&) {
+            Common::LogLine(Common::LogLevel::Warning)
+                << "couldn't remove the generated package directory: " << directory;
+        }
+    }
+}
+
+void Database::removePackageMappings(const fs::path& versionDirectory) {
+    std::ifstream list(versionDirectory / mappingListName);
+    if (!list)
+        throw Common::Error(Common::ErrorCode::Filesystem, "couldn't find package symlink list");
+    for (const auto& mapping : readListFile(list)) {
+        if (mapping.empty())
+            continue;
+        if (!isMapping(mapping)) {
+            Common::LogLine(Common::LogLevel::Warning)
+                << "skip removing the generated package symlink, since it was most likely "
+                   "overwritten via rpm: "
+                << mapping;
+            continue;
+        }
+        try {
+            fs::remove(mapping);
+        } catch (const std::exception&) {
+            Common::LogLine(Common::LogLevel::Warning)
+                << "couldn't remove the generated package mapping: " << mapping;
+        }
     }
 }
 

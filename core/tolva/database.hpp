@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <map>
 #include <string>
+#include <vector>
 
 namespace Core::Tolva {
 
@@ -41,6 +42,25 @@ public:
     static void writePackageDataFile(const PackageNames& package, const std::string& version,
                                      const PackageData& extra,
                                      const std::filesystem::path& directory);
+
+    // Moves an unpacked package into its version directory and returns that directory.
+    std::filesystem::path createVersionedDirectory(const std::string& id,
+                                                   const std::string& version,
+                                                   const std::filesystem::path& unpacked) const;
+
+    // The data of a package's newest readable version ("next", else "current"). An unreadable
+    // "next" is removed; an unreadable "current" removes the whole package. Throws then.
+    PackageData readPackageData(const std::filesystem::path& packageDirectory) const;
+    PackageData readCurrentPackageData(const std::filesystem::path& packageDirectory) const;
+    PackageData readNextPackageData(const std::filesystem::path& packageDirectory) const;
+
+    // The repair pass: the data of every intact package, in the root's listing order; whatever
+    // does not belong in the root, and every package that cannot be read, is removed.
+    std::vector<PackageData> installedPackages() const;
+    std::vector<std::filesystem::path> listPackageDirectories() const;
+    void cleanUpCorruptedPackage(const std::filesystem::path& packageDirectory) const;
+    static void removePackageMappings(const std::filesystem::path& versionDirectory);
+    static void removeGeneratedDirectories(const std::filesystem::path& versionDirectory);
 
 private:
     std::filesystem::path root;

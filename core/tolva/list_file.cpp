@@ -3,6 +3,7 @@
 #include "common/error.hpp"
 
 #include <fstream>
+#include <iomanip>
 
 namespace Core::Tolva {
 
@@ -17,6 +18,18 @@ void writeListFile(const std::filesystem::path& file,
         if (!list)
             throw Common::Error(Common::ErrorCode::Filesystem, writeFailure);
     }
+}
+
+} // namespace Core::Tolva
+
+namespace Core::Tolva {
+
+std::vector<std::filesystem::path> readListFile(std::istream& list) {
+    std::vector<std::filesystem::path> paths;
+    std::string token;
+    while (list >> std::quoted(token))
+        paths.emplace_back(token);
+    return paths;
 }
 
 } // namespace Core::Tolva

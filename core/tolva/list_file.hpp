@@ -3,6 +3,7 @@
 // The writer of a package version's list files: one plain path per line.
 
 #include <filesystem>
+#include <istream>
 #include <vector>
 
 namespace Core::Tolva {
@@ -13,5 +14,13 @@ namespace Core::Tolva {
 void writeListFile(const std::filesystem::path& file,
                    const std::vector<std::filesystem::path>& paths, const char* openFailure,
                    const char* writeFailure);
+
+} // namespace Core::Tolva
+
+namespace Core::Tolva {
+
+// The paths of an open list file, read as whitespace-separated tokens with std::quoted: a path
+// written with a blank in it comes back as several paths.
+std::vector<std::filesystem::path> readListFile(std::istream& list);
 
 } // namespace Core::Tolva
