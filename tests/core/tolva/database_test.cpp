@@ -53,13 +53,27 @@ TEST(DatabaseConfiguration, DefaultsForAMissingOrBadFileAndValuesAsTheyStand) {
         EXPECT_EQ(captureStderr([&] { database.emplace(); }), warning);
         EXPECT_EQ(database->rootDirectory(), "/opt/app");
 
-        writeText("/etc/tolva/tolva.conf", "[database]\nroot_directory=/data/apps\n"
+        writeText("/etc/tolva/tolva.conf", "[database]\nroot_directory=/opt/apps\n"
                                            "temp_directory=\n");
         EXPECT_EQ(captureStderr([&] { database.emplace(); }), "");
-        EXPECT_EQ(database->rootDirectory(), "/data/apps");
+        EXPECT_EQ(database->rootDirectory(), "/opt/apps");
         EXPECT_EQ(database->tempDirectory(), "");
         EXPECT_EQ(database->versionedDirectoryPath("demo.notes", "1.2.3-1"),
-                  "/data/apps/demo.notes/1.2.3-1");
+                  "/opt/apps/demo.notes/1.2.3-1");
+
+        writeText("/opt/tolva/tmp/demo.notes/bin/notes", "#!/bin/sh\n");
+        EXPECT_EQ(database->createVersionedDirectory("demo.notes", "1.2.3-1",
+                                                     "/opt/tolva/tmp/demo.notes"),
+                  "/opt/apps/demo.notes/1.2.3-1");
+        EXPECT_EQ(readText("/opt/apps/demo.notes/1.2.3-1/bin/notes"), "#!/bin/sh\n");
+        EXPECT_FALSE(fs::exists("/opt/tolva/tmp/demo.notes"));
+        EXPECT_EQ(errorOf([&] {
+                      database->createVersionedDirectory("demo.notes", "2-1",
+                                                         "/opt/tolva/tmp/demo.notes");
+                  }),
+                  std::make_pair(std::string("extracted package directory doesn't exist: "
+                                             "/opt/tolva/tmp/demo.notes"),
+                                 Common::ErrorCode::Internal));
     });
 }
 
