@@ -91,6 +91,14 @@ fs::path makeSandboxScratch() {
     return pattern;
 }
 
+namespace {
+bool entered = false;
+} // namespace
+
+bool insideSandbox() {
+    return entered;
+}
+
 void enterSandbox(const fs::path& scratch) {
     if (::unshare(CLONE_NEWNS))
         fail("unshare(CLONE_NEWNS)");
@@ -113,6 +121,7 @@ void enterSandbox(const fs::path& scratch) {
     fs::create_directories("/etc/rpm");
     writeFile("/etc/rpm/macros.dbpath", "%_dbpath /var/lib/rpm\n");
     ::setenv("HOME", "/root", 1);
+    entered = true;
 }
 
 ProcessResult runProgram(const std::vector<std::string>& argv, const std::string& input) {

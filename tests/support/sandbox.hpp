@@ -18,6 +18,9 @@ const std::string& sandboxUnavailableReason();
 // There is no way back. The process must have one thread. Throws std::runtime_error.
 void enterSandbox(const std::filesystem::path& scratch);
 
+// Whether this process has entered a sandbox.
+bool insideSandbox();
+
 // A new scratch directory on the host for one sandbox.
 std::filesystem::path makeSandboxScratch();
 

@@ -25,9 +25,9 @@ std::string captureStderr(const std::function<void()>& body);
 
 } // namespace TestSupport
 
-#define SANDBOXED(body)                                                                            \
+#define SANDBOXED(...)                                                                             \
     do {                                                                                           \
-        const auto sandboxOutcome = ::TestSupport::runInSandbox(body);                             \
+        const auto sandboxOutcome = ::TestSupport::runInSandbox(__VA_ARGS__);                      \
         if (sandboxOutcome.skipped)                                                                \
             GTEST_SKIP() << sandboxOutcome.reason;                                                 \
     } while (false)

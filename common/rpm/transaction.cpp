@@ -1,0 +1,49 @@
+#include "common/rpm/transaction.hpp"
+
+#include "common/error.hpp"
+
+#include <rpm/rpmcli.h>
+#include <rpm/rpmdb.h>
+
+namespace Common::Rpm {
+
+Transaction::Transaction() {
+    ensureRpmConfiguration();
+    set = ownTransactionSet(rpmtsCreate());
+    rpmtsSetRootDir(set.get(), nullptr);
+}
+
+void Transaction::setFlags(rpmtransFlags flags) {
+    rpmtsSetFlags(set.get(), rpmtsFlags(set.get()) | flags);
+}
+
+void Transaction::setNotifyCallback() {
+    static constexpr std::uintptr_t progressStyle = INSTALL_HASH | INSTALL_LABEL;
+    rpmtsSetNotifyCallback(set.get(), rpmShowProgress, reinterpret_cast<void*>(progressStyle));
+}
+
+void Transaction::addEraseElement(const HeaderHandle& header) {
+    if (rpmtsAddEraseElement(set.get(), header.get(), 0) != 0)
+        throw Error(ErrorCode::Internal, "couldn't add erase element to the RPM transaction");
+}
+
+void Transaction::run() {
+    rpmtsRun(set.get(), nullptr, 0);
+}
+
+InstalledPackageIterator::InstalledPackageIterator() {
+    ensureRpmConfiguration();
+    const Transaction transaction;
+    iterator =
+        ownMatchIterator(rpmtsInitIterator(transaction.handle(), RPMDBI_PACKAGES, nullptr, 0));
+}
+
+void InstalledPackageIterator::forEach(
+    const std::function<IterationResult(const Reader&)>& callback) {
+    while (Header header = rpmdbNextIterator(iterator.get())) {
+        if (callback(Reader(header)) != IterationResult::Continue)
+            return;
+    }
+}
+
+} // namespace Common::Rpm

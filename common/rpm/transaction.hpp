@@ -1,0 +1,48 @@
+#pragma once
+
+// Access to the RPM database of the running system: a transaction set that erases installed
+// packages, and the walk over every installed package.
+
+#include "common/rpm/handles.hpp"
+#include "common/rpm/iteration_result.hpp"
+#include "common/rpm/reader.hpp"
+
+#include <functional>
+#include <rpm/rpmts.h>
+
+namespace Common::Rpm {
+
+class Transaction {
+public:
+    // A fresh transaction set on the library's default root directory.
+    Transaction();
+
+    // Adds `flags` to the set's transaction flags; flags are never cleared.
+    void setFlags(rpmtransFlags flags);
+    // librpm's own progress printer: each package's label and hash marks on standard output.
+    void setNotifyCallback();
+    // Queues the erasure of an installed package; throws Common::Error code 2 when refused.
+    void addEraseElement(const HeaderHandle& header);
+    // Runs the queued elements; the library reports problems itself and they are not examined.
+    void run();
+
+    rpmts handle() const { return set.get(); }
+
+private:
+    TransactionSetHandle set;
+};
+
+// Every installed package, in database order. Walked once.
+class InstalledPackageIterator {
+public:
+    InstalledPackageIterator();
+
+    // The reader lends the database's header: it, and anything built over it, must not be
+    // used after the callback returns.
+    void forEach(const std::function<IterationResult(const Reader&)>& callback);
+
+private:
+    MatchIteratorHandle iterator;
+};
+
+} // namespace Common::Rpm

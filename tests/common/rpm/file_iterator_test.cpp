@@ -1,0 +1,235 @@
+// Walking the file list and the payload of real packages built with rpmbuild.
+
+#include "common/error.hpp"
+#include "common/rpm/file_iterator.hpp"
+#include "tests/common/rpm/rpm_packages.hpp"
+#include "tests/support/file_checks.hpp"
+#include "tests/support/sandboxed_test.hpp"
+
+#include <gtest/gtest.h>
+#include <map>
+#include <sstream>
+
+namespace fs = std::filesystem;
+using Common::ErrorCode;
+using Common::Rpm::EntryType;
+using Common::Rpm::ExtractFileIterator;
+using Common::Rpm::FileIterator;
+using Common::Rpm::IterationResult;
+using TestSupport::captureStderr;
+
+namespace {
+
+// One line per entry: type, path, target, permissions in octal, needsSignature.
+std::string describe(const FileIterator::Entry& entry) {
+    static const char* types[] = {"dir", "file", "symlink", "hardlink"};
+    std::ostringstream line;
+    line << types[static_cast<int>(entry.type)] << ' ' << entry.path.string() << " ["
+         << entry.target.string() << "] " << std::oct << entry.permissions
+         << (entry.needsSignature ? " sign" : "");
+    return line.str();
+}
+
+std::vector<std::string> listOf(const fs::path& package) {
+    std::vector<std::string> lines;
+    FileIterator(package.string()).forEach([&](const FileIterator::Entry& entry) {
+        lines.push_back(describe(entry));
+        return IterationResult::Continue;
+    });
+    return lines;
+}
+
+struct Extracted {
+    std::vector<std::string> lines; // describe() plus " #index"
+    std::map<fs::path, std::string> data;
+};
+
+// Answers Stop for the entry numbered `stopAt` (from 1), and for every later one unless `once`.
+Extracted extract(const fs::path& package, int stopAt = 0, bool once = false) {
+    Extracted result;
+    ExtractFileIterator(package.string()).forEach([&](const ExtractFileIterator::Entry& entry) {
+        result.lines.push_back(describe(entry) + " #" + std::to_string(entry.index));
+        EXPECT_EQ(entry.content.has_value(), entry.type == EntryType::RegularFile);
+        if (entry.content) {
+            const auto bytes = entry.content->read();
+            result.data[entry.path] = std::string(bytes.begin(), bytes.end());
+        }
+        const int number = int(result.lines.size());
+        const bool stop = stopAt > 0 && (once ? number == stopAt : number >= stopAt);
+        return stop ? IterationResult::Stop : IterationResult::Continue;
+    });
+    return result;
+}
+
+const std::vector<std::string> fileList = {
+    "file /etc/fixture-hook [] 755 sign",
+    "file /etc/fixture.conf [] 644",
+    "file /usr/bin/fixture-suid [] 755 sign",
+    "file /usr/bin/fixture-tool [] 755 sign",
+    "dir /usr/share/fixture [] 750 sign",
+    "hardlink /usr/share/fixture/a [] 0 sign",
+    "symlink /usr/share/fixture/absolute [/etc/fixture.conf] 0 sign",
+    "hardlink /usr/share/fixture/b [] 0 sign",
+    "file /usr/share/fixture/big [] 644 sign",
+    "file /usr/share/fixture/c [] 644 sign",
+    "file /usr/share/fixture/empty [] 644 sign",
+    "symlink /usr/share/fixture/relative [big] 0 sign",
+    "hardlink /usr/share/fixture/x [] 0 sign",
+    "file /usr/share/fixture/y [] 644 sign",
+};
+
+// The payload keeps hard-link sets at its end; the set comes out data-carrying name first.
+const std::vector<std::string> payloadOrder = {
+    "file /etc/fixture-hook [] 755 sign #0",
+    "file /etc/fixture.conf [] 644 #1",
+    "file /usr/bin/fixture-suid [] 755 sign #2",
+    "file /usr/bin/fixture-tool [] 755 sign #3",
+    "dir /usr/share/fixture [] 750 sign #4",
+    "symlink /usr/share/fixture/absolute [/etc/fixture.conf] 777 sign #6",
+    "file /usr/share/fixture/big [] 644 sign #8",
+    "file /usr/share/fixture/empty [] 644 sign #11",
+    "symlink /usr/share/fixture/relative [big] 777 sign #12",
+    "file /usr/share/fixture/a [] 644 sign #5",
+    "hardlink /usr/share/fixture/b [/usr/share/fixture/a] 644 #7",
+    "hardlink /usr/share/fixture/c [/usr/share/fixture/a] 644 #9",
+    "file /usr/share/fixture/x [] 644 sign #13",
+    "hardlink /usr/share/fixture/y [/usr/share/fixture/x] 644 #14",
+};
+
+const std::string deviceWarning = "WARN: unexpected entry type in rpm package\n";
+
+} // namespace
+
+TEST(RpmFileIterator, FileListOfEveryKind) {
+    const auto package = TestSupport::buildPackage(RpmTest::everyKind());
+    SANDBOXED([&] {
+        std::vector<std::string> lines;
+        EXPECT_EQ(captureStderr([&] { lines = listOf(package); }), deviceWarning);
+        EXPECT_EQ(lines, fileList);
+
+        std::vector<fs::path> seen;
+        FileIterator(Common::Rpm::Reader(package.string())).forEach([&](const auto& entry) {
+            seen.push_back(entry.path);
+            return IterationResult::Stop;
+        });
+        EXPECT_EQ(seen, std::vector<fs::path>{"/etc/fixture-hook"});
+    });
+    // A configuration that asks for configuration files to be signed too.
+    SANDBOXED([&] {
+        TestSupport::writeFile("/etc/rpm/macros.imasign", "%_ima_sign_config_files 1\n");
+        std::vector<std::string> lines;
+        captureStderr([&] { lines = listOf(package); });
+        EXPECT_EQ(lines[1], "file /etc/fixture.conf [] 644 sign");
+    });
+}
+
+TEST(RpmFileIterator, PayloadOfEveryKindInEachCompression) {
+    const std::map<std::string, std::string> payloads = {
+        {"gzip", "w9.gzdio"}, {"xz", "w6.xzdio"}, {"zstd", "w3.zstdio"}};
+    std::map<std::string, fs::path> packages;
+    for (const auto& [name, payload] : payloads)
+        packages[name] = TestSupport::buildPackage(RpmTest::everyKind(name, payload));
+    SANDBOXED([&] {
+        for (const auto& [name, package] : packages) {
+            SCOPED_TRACE(name);
+            EXPECT_EQ(Common::Rpm::Reader(package.string()).stringTag(RPMTAG_PAYLOADCOMPRESSOR),
+                      name);
+            Extracted all;
+            EXPECT_EQ(captureStderr([&] { all = extract(package); }), deviceWarning);
+            EXPECT_EQ(all.lines, payloadOrder);
+            EXPECT_TRUE(all.data.at("/usr/share/fixture/big") == RpmTest::bigData());
+            all.data.erase("/usr/share/fixture/big");
+            EXPECT_EQ(all.data, (std::map<fs::path, std::string>{
+                                    {"/etc/fixture-hook", "#!/bin/sh\n"},
+                                    {"/etc/fixture.conf", "key=value\n"},
+                                    {"/usr/bin/fixture-suid", RpmTest::toolScript},
+                                    {"/usr/bin/fixture-tool", RpmTest::toolScript},
+                                    {"/usr/share/fixture/a", RpmTest::sharedData},
+                                    {"/usr/share/fixture/empty", ""},
+                                    {"/usr/share/fixture/x", "second set\n"},
+                                }));
+        }
+    });
+}
+
+TEST(RpmFileIterator, StopsEarlyAfterTheHardLinksOfAFile) {
+    const auto package = TestSupport::buildPackage(RpmTest::everyKind());
+    SANDBOXED([&] {
+        const auto first = [](std::size_t count) {
+            return std::vector<std::string>(payloadOrder.begin(), payloadOrder.begin() + count);
+        };
+        captureStderr([&] {
+            EXPECT_EQ(extract(package, 1).lines, first(1));
+            // Stop asked by the data-carrying file: its further names are still reported.
+            EXPECT_EQ(extract(package, 10).lines, first(12));
+            // Within a set the last answer decides.
+            EXPECT_EQ(extract(package, 10, true).lines, first(14));
+            EXPECT_EQ(extract(package, 12, true).lines, first(12));
+        });
+    });
+}
+
+TEST(RpmFileIterator, WritesEachFileToDisk) {
+    const auto package = TestSupport::buildPackage(RpmTest::everyKind());
+    SANDBOXED([&] {
+        std::map<fs::path, std::string> written;
+        captureStderr([&] {
+            ExtractFileIterator(package.string()).forEach([&](const auto& entry) {
+                if (entry.content) {
+                    const fs::path out = "/tmp/out" / entry.path.relative_path();
+                    fs::create_directories(out.parent_path());
+                    TestSupport::writeFile(out, "old content that is longer than the new one");
+                    entry.content->writeTo(out);
+                    written[entry.path] = TestSupport::readFile(out);
+                }
+                return IterationResult::Continue;
+            });
+        });
+        EXPECT_TRUE(written.at("/usr/share/fixture/big") == RpmTest::bigData());
+        EXPECT_EQ(written.at("/usr/share/fixture/empty"), "");
+        EXPECT_EQ(written.at("/usr/share/fixture/a"), RpmTest::sharedData);
+
+        const auto message = TestSupport::errorOf([&] {
+            ExtractFileIterator(package.string()).forEach([](const auto& entry) {
+                if (entry.content)
+                    entry.content->writeTo("/nowhere/file");
+                return IterationResult::Continue;
+            });
+        });
+        EXPECT_EQ(message, "couldn't open file for writing rpm content: /nowhere/file");
+
+        TestSupport::mountFresh("tmpfs", "/tmp/full", "size=64k");
+        const auto full = TestSupport::errorOf([&] {
+            captureStderr([&] {
+                ExtractFileIterator(package.string()).forEach([](const auto& entry) {
+                    if (entry.path == "/usr/share/fixture/big")
+                        entry.content->writeTo("/tmp/full/big");
+                    return IterationResult::Continue;
+                });
+            });
+        });
+        EXPECT_EQ(full, "couldn't write rpm package content to /tmp/full/big");
+    });
+}
+
+TEST(RpmFileIterator, DamagedPayload) {
+    const auto package = TestSupport::buildPackage(RpmTest::everyKind());
+    SANDBOXED([&] {
+        // Cut the file inside the big file's data: the header still reads, the data does not.
+        const auto size = fs::file_size(package);
+        fs::copy_file(package, "/tmp/cut.rpm");
+        fs::resize_file("/tmp/cut.rpm", size / 2);
+        const auto message = TestSupport::errorOf(
+            [&] {
+                captureStderr([&] {
+                    ExtractFileIterator("/tmp/cut.rpm").forEach([](const auto& entry) {
+                        if (entry.content)
+                            entry.content->read();
+                        return IterationResult::Continue;
+                    });
+                });
+            },
+            ErrorCode::Internal);
+        EXPECT_EQ(message, "couldn't read content from rpm package");
+    });
+}

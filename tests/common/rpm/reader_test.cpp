@@ -1,0 +1,91 @@
+// Opening package files and reading their tags with librpm, in the sandbox (librpm creates an
+// RPM database under $HOME when it loads its keyring).
+
+#include "common/error.hpp"
+#include "common/rpm/reader.hpp"
+#include "tests/common/rpm/rpm_packages.hpp"
+#include "tests/support/file_checks.hpp"
+#include "tests/support/sandboxed_test.hpp"
+
+#include <gtest/gtest.h>
+#include <rpm/header.h>
+
+using Common::ErrorCode;
+using Common::Rpm::Reader;
+using TestSupport::captureStderr;
+using TestSupport::errorOf;
+
+TEST(RpmReader, OpensPackagesAndRefusesOtherFiles) {
+    const auto package = TestSupport::buildPackage(RpmTest::single("reader-plain"));
+    SANDBOXED([&] {
+        const Reader reader(package.string());
+        EXPECT_EQ(reader.stringTag(RPMTAG_NAME), "reader-plain");
+        EXPECT_EQ(reader.stringTag(RPMTAG_VERSION), "1.0");
+        EXPECT_EQ(errorOf([&] { reader.stringTag(RPMTAG_EPOCH); }, ErrorCode::BadPackage),
+                  "couldn't retrieve rpm tag from package (type=1003)");
+        EXPECT_EQ(reader.stringTagOr(RPMTAG_EPOCH, "none"), "none");
+        EXPECT_TRUE(reader.fd());
+
+        EXPECT_EQ(errorOf([] { Reader("/nowhere/package.rpm"); }, ErrorCode::FileNotFound),
+                  "couldn't open rpm package");
+        TestSupport::writeFile("/tmp/not.rpm", "not a package at all\n");
+        for (const char* path : {"/tmp/not.rpm", "/tmp"})
+            captureStderr([&] { // librpm prints its own complaint
+                EXPECT_EQ(errorOf([&] { Reader{path}; }, ErrorCode::BadPackage),
+                          "couldn't read rpm package")
+                    << path;
+            });
+    });
+}
+
+// rpmbuild writes the compressor tag: drop it from a copy of the header.
+TEST(RpmReader, CompressorFallbackAndLentHeaders) {
+    const auto package = TestSupport::buildPackage(RpmTest::single("reader-xz", "w6.xzdio"));
+    SANDBOXED([&] {
+        const Reader reader(package.string());
+        EXPECT_EQ(reader.stringTagOr(RPMTAG_PAYLOADCOMPRESSOR, "gzip"), "xz");
+        Header copy = headerCopy(reader.header().get());
+        ASSERT_EQ(headerDel(copy, RPMTAG_PAYLOADCOMPRESSOR), 0);
+        {
+            const Reader borrowed(copy);
+            EXPECT_EQ(borrowed.stringTagOr(RPMTAG_PAYLOADCOMPRESSOR, "gzip"), "gzip");
+            EXPECT_FALSE(borrowed.fd());
+        }
+        // The lent header outlived its reader: still ours to read and to free.
+        EXPECT_EQ(Reader(copy).stringTag(RPMTAG_NAME), "reader-xz");
+        headerFree(copy);
+    });
+}
+
+namespace {
+
+std::size_t count(const std::string& text, const std::string& line) {
+    std::size_t found = 0;
+    for (auto at = text.find(line); at != std::string::npos; at = text.find(line, at + 1))
+        ++found;
+    return found;
+}
+
+} // namespace
+
+TEST(RpmReader, UnreadableConfigurationWarnsOnEveryConstruction) {
+    const auto package = TestSupport::buildPackage(RpmTest::single("reader-configuration"));
+    SANDBOXED([&] {
+        std::filesystem::rename("/usr/lib/rpm/rpmrc", "/usr/lib/rpm/rpmrc.away");
+        const std::string warning = "WARN: cannot read RPM configuration files\n";
+        std::string name;
+        const auto first =
+            captureStderr([&] { name = Reader(package.string()).stringTag(RPMTAG_NAME); });
+        // One from the reader, one from the transaction set it reads the package with.
+        EXPECT_EQ(count(first, warning), 2u) << first;
+        EXPECT_EQ(name, "reader-configuration");
+        const auto second = captureStderr([&] { Reader{package.string()}; });
+        EXPECT_EQ(count(second, warning), 2u) << second;
+
+        // Once read, the configuration is not read again.
+        std::filesystem::rename("/usr/lib/rpm/rpmrc.away", "/usr/lib/rpm/rpmrc");
+        EXPECT_EQ(captureStderr([&] { Reader{package.string()}; }), "");
+        std::filesystem::rename("/usr/lib/rpm/rpmrc", "/usr/lib/rpm/rpmrc.away");
+        EXPECT_EQ(captureStderr([&] { Reader{package.string()}; }), "");
+    });
+}
