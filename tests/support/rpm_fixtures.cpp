@@ -150,6 +150,10 @@ FixtureFile characterDevice(std::string path) {
     return {FixtureFile::Kind::CharDevice, std::move(path), {}, 0, false, {}};
 }
 
+FixtureFile ghost(std::string path) {
+    return {FixtureFile::Kind::Ghost, std::move(path), {}, 0, false, {}};
+}
+
 fs::path buildPackage(const FixturePackage& package) {
     const std::string spec = specText(package);
     const fs::path result = cacheDirectory() / (cacheKey(package, spec) + ".rpm");

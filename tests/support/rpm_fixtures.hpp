@@ -34,6 +34,7 @@ FixtureFile file(std::string path, std::string content, unsigned mode = 0);
 FixtureFile symlink(std::string path, std::string target);
 FixtureFile hardlink(std::string path, std::string otherName);
 FixtureFile characterDevice(std::string path);
+FixtureFile ghost(std::string path);
 
 // The package file built from `package`; the same description gives the same cached file, so
 // keep it unchanged (copy it before signing).

@@ -4,6 +4,7 @@
 #include "platform/package_signatures/package_layout.hpp"
 #include "platform/package_signatures/signing.hpp"
 #include "tests/support/file_checks.hpp"
+#include "tests/support/signed_packages.hpp"
 #include "tests/support/test_pki.hpp"
 #include "tests/tools/pkgsig/test_packages.hpp"
 #include "tools/pkgsig/package_file.hpp"
@@ -25,23 +26,6 @@ std::string ca(const std::string& name = "ca") {
     return TestPki::shared().certificate(name).string();
 }
 
-void sign(const fs::path& package, const std::string& developer, const std::string& client = "",
-          std::vector<std::string> extra = {}) {
-    const auto& pki = TestPki::shared();
-    std::vector<std::string> arguments = {"sign",
-                                          package.string(),
-                                          "--developer-key",
-                                          pki.key(developer).string(),
-                                          "--developer-cert",
-                                          pki.certificate(developer).string()};
-    if (!client.empty())
-        arguments.insert(arguments.end(), {"--client-key", pki.key(client).string(),
-                                           "--client-cert", pki.certificate(client).string()});
-    arguments.insert(arguments.end(), extra.begin(), extra.end());
-    const auto result = PkgsigTest::pkgsig(arguments);
-    ASSERT_EQ(result.status, 0) << result.err;
-}
-
 // Flips one byte of the file at `offset`.
 void flipByte(const fs::path& file, std::uint64_t offset) {
     std::string bytes = TestSupport::readFile(file);
@@ -58,21 +42,11 @@ Bytes sha256Of(const std::string& data) {
 TEST(SignedPackage, DeveloperClientAndBothSplitAsSigned) {
     Scratch scratch;
     const auto both = PkgsigTest::copyOfPackage("hello", scratch / "both.rpm");
-    sign(both, "developer", "client");
+    TestSupport::signPackage(both, "developer", "client");
     const auto developerOnly = PkgsigTest::copyOfPackage("hello", scratch / "developer.rpm");
-    sign(developerOnly, "developer-system");
-    // pkgsig always signs as a developer; a client-only package is made with the library.
+    TestSupport::signPackage(developerOnly, "developer-system");
     const auto clientOnly = PkgsigTest::copyOfPackage("hello", scratch / "client.rpm");
-    {
-        const Pkgsig::PackageFile package(clientOnly);
-        const auto client = SigningIdentity::fromPemFiles(TestPki::shared().key("client"),
-                                                          TestPki::shared().certificate("client"));
-        package.writeWithSignatures(
-            {signContent(client,
-                         openSignedContent(clientOnly, package.layout().contentOffset).get(), {},
-                         std::nullopt)},
-            clientOnly);
-    }
+    TestSupport::signAsClientOnly(clientOnly);
 
     const auto fromBoth = FileWithCmses::fromPath(both.string());
     ASSERT_TRUE(fromBoth);
@@ -110,7 +84,7 @@ TEST(SignedPackage, DeveloperClientAndBothSplitAsSigned) {
 TEST(SignedPackage, OneChangedByteOrAnotherAuthorityFailsVerification) {
     Scratch scratch;
     const auto original = PkgsigTest::copyOfPackage("hello", scratch / "signed.rpm");
-    sign(original, "developer", "client");
+    TestSupport::signPackage(original, "developer", "client");
     const PackageLayout layout = readPackageLayout(original);
 
     const std::vector<std::pair<std::string, std::uint64_t>> places = {
@@ -138,7 +112,7 @@ TEST(SignedPackage, OneChangedByteOrAnotherAuthorityFailsVerification) {
 
     // A developer of the other CA: refused under ours, accepted when both CAs are trusted.
     const auto foreign = PkgsigTest::copyOfPackage("hello", scratch / "foreign.rpm");
-    sign(foreign, "developer-other-ca", "client");
+    TestSupport::signPackage(foreign, "developer-other-ca", "client");
     const auto foreignFile = FileWithCmses::fromPath(foreign.string());
     ASSERT_TRUE(foreignFile);
     EXPECT_FALSE(foreignFile->verifyCmses(ca()));
@@ -155,7 +129,7 @@ TEST(SignedPackage, NoSignatureTagOrAMalformedOneGivesNull) {
     EXPECT_FALSE(FileWithCmses::fromPath((scratch / "text.rpm").string()));
 
     const auto signedPackage = PkgsigTest::copyOfPackage("hello", scratch / "signed.rpm");
-    sign(signedPackage, "developer", "client");
+    TestSupport::signPackage(signedPackage, "developer", "client");
     const auto tag = *readPackageLayout(signedPackage).signatureTag;
     const std::string bytes = TestSupport::readFile(signedPackage);
     const auto tagOffset = bytes.find(std::string(tag.begin(), tag.end()));
@@ -181,7 +155,7 @@ TEST(SignedPackage, NoSignatureTagOrAMalformedOneGivesNull) {
 TEST(SignedPackage, FileSignaturesReadBackByIndex) {
     Scratch scratch;
     const auto package = PkgsigTest::copyOfPackage("hello", scratch / "signed.rpm");
-    sign(package, "developer", "client");
+    TestSupport::signPackage(package, "developer", "client");
     const auto file = FileWithCmses::fromPath(package.string());
     ASSERT_TRUE(file);
     const auto developer = developerCmsFromVector(file->cmses());
@@ -213,7 +187,8 @@ TEST(SignedPackage, FileSignaturesReadBackByIndex) {
 TEST(SignedPackage, AnExpiredDeveloperCertificateStillVerifiesAtItsSigningTime) {
     Scratch scratch;
     const auto package = PkgsigTest::copyOfPackage("tiny-xz", scratch / "old.rpm");
-    sign(package, "developer-expired", "client", {"--signing-time", midway2020});
+    TestSupport::signPackage(package, "developer-expired", "client",
+                             {"--signing-time", midway2020});
     const auto file = FileWithCmses::fromPath(package.string());
     ASSERT_TRUE(file);
     EXPECT_TRUE(file->verifyCmses(ca()));
