@@ -3,6 +3,7 @@
 // The Tolva package database: where it lives, and the metadata of its package versions.
 
 #include "core/tolva/mappings.hpp"
+#include "core/tolva/package.hpp"
 
 #include <filesystem>
 #include <map>
@@ -42,6 +43,10 @@ public:
     static void writePackageDataFile(const PackageNames& package, const std::string& version,
                                      const PackageData& extra,
                                      const std::filesystem::path& directory);
+    static void writePackageDataFile(const Package& package, const PackageData& extra,
+                                     const std::filesystem::path& directory) {
+        writePackageDataFile(package.names(), package.version(), extra, directory);
+    }
 
     // Moves an unpacked package into its version directory and returns that directory.
     std::filesystem::path createVersionedDirectory(const std::string& id,

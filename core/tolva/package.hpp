@@ -1,0 +1,78 @@
+#pragma once
+
+// An application package: who it is, what files it holds, which application it declares and
+// who signed it.
+
+#include "common/rpm/file_iterator.hpp"
+#include "core/tolva/mappings.hpp"
+#include "platform/package_signatures/cms.hpp"
+
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace Core::Tolva {
+
+// The key id of the source of packages that have no client signature.
+inline constexpr const char* noSourceKeyId = ".no.source.apps";
+
+// The platform's package certificate authority.
+inline constexpr const char* packageCaPath = "/etc/keys/packages/ca.pem";
+
+class Package {
+public:
+    using Files = std::vector<Common::Rpm::FileIterator::Entry>;
+    using Source = std::pair<std::string, std::string>; // key id, subject
+
+    // Reads the package file at `path` and checks its signatures against the platform's
+    // certificate authority. Throws Common::Error on any refusal; writes nothing to disk.
+    static Package fromPath(std::string path);
+
+    // A package known from elsewhere (an installed package's data): no file, no signatures.
+    Package(std::string id, std::string version, Files files, std::optional<std::string> orgName,
+            std::optional<std::string> appName);
+
+    const std::string& path() const { return filePath; }
+    const std::string& id() const { return packageId; }
+    // Version and release, "1.2.0-3"; never the epoch.
+    const std::string& version() const { return packageVersion; }
+    const std::string& architecture() const { return packageArchitecture; }
+    const Files& files() const { return packageFiles; }
+    const std::optional<std::string>& orgName() const { return manifestOrgName; }
+    const std::optional<std::string>& appName() const { return manifestAppName; }
+    const std::vector<PackageSignatures::Cms>& cmses() const { return signatures; }
+    const Source& source() const { return signingSource; }
+    bool isSystemDeveloper() const { return systemDeveloper; }
+
+    // Throws Common::Error code 7 when the package has no developer signature.
+    const PackageSignatures::Cms& developerCms() const;
+
+    PackageNames names() const { return {packageId, manifestOrgName, manifestAppName}; }
+
+private:
+    Package() = default;
+
+    std::string filePath;
+    std::string packageId;
+    std::string packageVersion;
+    std::string packageArchitecture;
+    Files packageFiles;
+    std::optional<std::string> manifestOrgName;
+    std::optional<std::string> manifestAppName;
+    std::vector<PackageSignatures::Cms> signatures;
+    std::optional<PackageSignatures::Cms> developerSignature;
+    Source signingSource;
+    bool systemDeveloper = false;
+};
+
+inline std::vector<MappingRule> mappingTable(const Package& package, bool withLib64) {
+    return mappingTable(package.names(), withLib64);
+}
+
+inline void createMappings(const std::filesystem::path& versionDirectory, const Package& package,
+                           bool withLib64 = false) {
+    createMappings(versionDirectory, package.names(), withLib64);
+}
+
+} // namespace Core::Tolva

@@ -1,0 +1,176 @@
+// Package records read from signed package files in the sandbox, where the platform's
+// certificate authority is the test PKI's.
+
+#include "common/error.hpp"
+#include "core/tolva/package.hpp"
+#include "tests/support/file_checks.hpp"
+#include "tests/support/rpm_fixtures.hpp"
+#include "tests/support/sandboxed_test.hpp"
+#include "tests/support/signed_packages.hpp"
+
+#include <gtest/gtest.h>
+
+namespace fs = std::filesystem;
+using Common::ErrorCode;
+using Core::Tolva::Package;
+using TestSupport::captureStderr;
+using TestSupport::errorOf;
+using TestSupport::TestPki;
+
+namespace {
+
+std::string manifest(const std::string& orgName, const std::string& appName) {
+    return "[Desktop Entry]\nName=" + appName +
+           "\n[X-Tolva-Application]\nOrganizationName=" + orgName + "\nApplicationName=" + appName +
+           "\n";
+}
+
+// "foo" 2.0-1, epoch 4; `desktop` is the text of its own manifest, none when empty. Another
+// application's manifest comes before it in the payload.
+TestSupport::FixturePackage foo(const std::string& desktop) {
+    TestSupport::FixturePackage package{
+        "foo",
+        "2.0",
+        "1",
+        4,
+        {},
+        {TestSupport::file("/usr/bin/foo", "#!/bin/sh\n", 0755),
+         TestSupport::file("/usr/share/applications/bar.desktop", manifest("org.bar", "Bar"))}};
+    if (!desktop.empty())
+        package.files.push_back(TestSupport::file("/usr/share/applications/foo.desktop", desktop));
+    return package;
+}
+
+// A signed copy of `package` in `scratch`; `developer` empty leaves it unsigned, "client-only"
+// signs it as the client alone.
+fs::path signedCopy(const TestSupport::Scratch& scratch, const std::string& name,
+                    const TestSupport::FixturePackage& package, const std::string& developer,
+                    const std::string& client = "") {
+    const fs::path copy = scratch / (name + ".rpm");
+    fs::copy_file(TestSupport::buildPackage(package), copy);
+    if (developer == "client-only")
+        TestSupport::signAsClientOnly(copy);
+    else if (!developer.empty())
+        TestSupport::signPackage(copy, developer, client);
+    return copy;
+}
+
+void installPlatformAuthority() {
+    fs::create_directories("/etc/keys/packages");
+    fs::copy_file(TestPki::shared().certificate("ca"), Core::Tolva::packageCaPath);
+}
+
+std::string quoted(const fs::path& path) {
+    return "\"" + path.string() + "\"";
+}
+
+} // namespace
+
+TEST(Package, IdentityFilesNamesAndSourceFromASignedFile) {
+    TestSupport::Scratch scratch;
+    const auto both =
+        signedCopy(scratch, "both", foo(manifest("org.example", "Foo")), "developer", "client");
+    const auto developerOnly = signedCopy(scratch, "developer-only",
+                                          foo(manifest("org.example", "Foo")), "developer-system");
+    SANDBOXED([&] {
+        installPlatformAuthority();
+        std::optional<Package> package;
+        EXPECT_EQ(captureStderr([&] { package.emplace(Package::fromPath(both.string())); }), "");
+        EXPECT_EQ(package->path(), both.string());
+        EXPECT_EQ(package->id(), "foo");
+        EXPECT_EQ(package->version(), "2.0-1");
+        EXPECT_EQ(package->architecture(), "noarch");
+        std::vector<fs::path> files;
+        for (const auto& file : package->files())
+            files.push_back(file.path);
+        EXPECT_EQ(files,
+                  (std::vector<fs::path>{"/usr/bin/foo", "/usr/share/applications/bar.desktop",
+                                         "/usr/share/applications/foo.desktop"}));
+        EXPECT_EQ(package->files()[0].permissions, 0755u);
+        EXPECT_EQ(package->orgName(), "org.example");
+        EXPECT_EQ(package->appName(), "Foo");
+        EXPECT_EQ(package->cmses().size(), 2u);
+        EXPECT_EQ(package->developerCms().certificate().subject(),
+                  PackageSignatures::Certificate::fromPem(
+                      TestSupport::readFile(TestPki::shared().certificate("developer")))
+                      ->subject());
+        const auto client = PackageSignatures::Certificate::fromPem(
+            TestSupport::readFile(TestPki::shared().certificate("client")));
+        EXPECT_EQ(package->source(), Package::Source(client->keyId(), TestPki::clientSubject));
+        EXPECT_FALSE(package->isSystemDeveloper());
+
+        const auto developerSigned = Package::fromPath(developerOnly.string());
+        EXPECT_EQ(developerSigned.source(), Package::Source(".no.source.apps", ""));
+        EXPECT_TRUE(developerSigned.isSystemDeveloper());
+        EXPECT_EQ(developerSigned.cmses().size(), 1u);
+    });
+}
+
+TEST(Package, MissingManifestOrNamesAreWarnedAbout) {
+    TestSupport::Scratch scratch;
+    const auto none = signedCopy(scratch, "none", foo(""), "developer");
+    const auto noOrg = signedCopy(scratch, "no-org", foo(manifest("", "Foo")), "developer");
+    const auto noNames = signedCopy(scratch, "no-names", foo(manifest("", "")), "developer");
+    const auto notManifest = signedCopy(scratch, "not-manifest", foo("just text\n"), "developer");
+    SANDBOXED([&] {
+        installPlatformAuthority();
+        std::optional<Package> package;
+        for (const auto& path : {none, notManifest}) {
+            EXPECT_EQ(captureStderr([&] { package.emplace(Package::fromPath(path.string())); }),
+                      "WARN: the package does not contain a manifest: " + quoted(path) + "\n");
+            EXPECT_EQ(package->orgName(), std::nullopt);
+            EXPECT_EQ(package->appName(), std::nullopt);
+        }
+
+        EXPECT_EQ(captureStderr([&] { package.emplace(Package::fromPath(noOrg.string())); }),
+                  "WARN: The package does not contain a organization name: " + quoted(noOrg) +
+                      "\n");
+        EXPECT_EQ(package->orgName(), std::nullopt);
+        EXPECT_EQ(package->appName(), "Foo");
+
+        EXPECT_EQ(captureStderr([&] { package.emplace(Package::fromPath(noNames.string())); }),
+                  "WARN: The package does not contain a organization name: " + quoted(noNames) +
+                      "\nWARN: The package does not contain a application name: " +
+                      quoted(noNames) + "\n");
+        EXPECT_EQ(package->appName(), std::nullopt);
+    });
+}
+
+TEST(Package, RefusedSignatures) {
+    TestSupport::Scratch scratch;
+    const auto good = foo(manifest("org.example", "Foo"));
+    const auto clientOnly = signedCopy(scratch, "client", good, "client-only");
+    const auto foreign = signedCopy(scratch, "foreign", good, "developer-other-ca", "client");
+    const auto unsignedPackage = signedCopy(scratch, "unsigned", good, "");
+    SANDBOXED([&] {
+        installPlatformAuthority();
+        const auto refusal = [](const fs::path& path, ErrorCode code) {
+            std::string message;
+            captureStderr([&] { message = errorOf([&] { Package::fromPath(path); }, code); });
+            return message;
+        };
+        EXPECT_EQ(refusal(clientOnly, ErrorCode::BadPackageSignature),
+                  "package doesn't have developer signature");
+        EXPECT_EQ(refusal(foreign, ErrorCode::BadPackageSignature),
+                  "package is signed with a non-legal key");
+        EXPECT_EQ(refusal(unsignedPackage, ErrorCode::BadPackage),
+                  "couldn't open file for reading cmses");
+        EXPECT_EQ(refusal("/nowhere/foo.rpm", ErrorCode::FileNotFound),
+                  "couldn't open rpm package");
+
+        // Without the platform's authority nothing verifies.
+        fs::remove(Core::Tolva::packageCaPath);
+        EXPECT_EQ(refusal(foreign, ErrorCode::BadPackageSignature),
+                  "package is signed with a non-legal key");
+    });
+}
+
+TEST(Package, KnownFromInstalledData) {
+    const Package package("foo", "1.0-2", {}, "org.example", std::nullopt);
+    EXPECT_EQ(package.names().id, "foo");
+    EXPECT_EQ(package.names().orgName, "org.example");
+    EXPECT_EQ(package.source(), Package::Source());
+    EXPECT_TRUE(package.cmses().empty());
+    EXPECT_EQ(errorOf([&] { package.developerCms(); }, ErrorCode::BadPackageSignature),
+              "package doesn't have developer signature");
+}
