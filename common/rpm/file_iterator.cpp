@@ -96,20 +96,21 @@ void RpmFileContent::writeTo(const std::filesystem::path& destination) const {
     if (!out)
         throw Error(ErrorCode::Filesystem,
                     "couldn't open file for writing rpm content: " + destination.string());
+    const auto writeFailure = [&] {
+        return Error(ErrorCode::Filesystem,
+                     "couldn't write rpm package content to " + destination.string());
+    };
     std::vector<char> buffer(chunkSize);
     rpm_loff_t remaining = rpmfiFSize(archive.get());
     while (remaining > 0) {
         const std::size_t got = readChunk(archive.get(), buffer, remaining);
-        out.write(buffer.data(), static_cast<std::streamsize>(got));
-        if (!out)
-            throw Error(ErrorCode::Filesystem,
-                        "couldn't write rpm package content to " + destination.string());
+        if (!out.write(buffer.data(), static_cast<std::streamsize>(got)))
+            throw writeFailure();
         remaining -= got;
     }
     out.close();
     if (!out)
-        throw Error(ErrorCode::Filesystem,
-                    "couldn't write rpm package content to " + destination.string());
+        throw writeFailure();
 }
 
 FileIterator::FileIterator(const std::string& path) : FileIterator(Reader(path)) {}

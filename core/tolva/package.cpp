@@ -61,22 +61,22 @@ Package Package::fromPath(std::string path) {
         package.packageFiles = fileList(reader);
     }
 
+    const std::filesystem::path shownPath(path);
     if (const auto manifest = packageManifestFromRpmArchive(path, package.packageId)) {
         package.manifestOrgName = manifest->appOrgname();
         package.manifestAppName = manifest->appName();
         if (package.manifestOrgName->empty()) {
-            LogLine(LogLevel::Warning) << "The package does not contain a organization name: "
-                                       << std::filesystem::path(path);
+            LogLine(LogLevel::Warning)
+                << "The package does not contain a organization name: " << shownPath;
             package.manifestOrgName.reset();
         }
         if (package.manifestAppName->empty()) {
-            LogLine(LogLevel::Warning) << "The package does not contain a application name: "
-                                       << std::filesystem::path(path);
+            LogLine(LogLevel::Warning)
+                << "The package does not contain a application name: " << shownPath;
             package.manifestAppName.reset();
         }
     } else {
-        LogLine(LogLevel::Warning)
-            << "the package does not contain a manifest: " << std::filesystem::path(path);
+        LogLine(LogLevel::Warning) << "the package does not contain a manifest: " << shownPath;
     }
 
     {
