@@ -50,8 +50,29 @@ public:
 
     PackageNames names() const { return {packageId, manifestOrgName, manifestAppName}; }
 
+    // Where a package path lands inside a package tree: the package's mapping rules (without
+    // the lib64 rows) place it, or it keeps its full path made relative. Throws Common::Error
+    // (BadPackage) when the result would leave the tree.
+    std::filesystem::path placedPath(const std::filesystem::path& path) const;
+
+    // Unpacks the payload of path() below `root`, every entry at its placed path; link targets
+    // are placed against `linkRoot`. A partly unpacked tree is left for the caller.
+    void extract(const std::filesystem::path& root, const std::filesystem::path& linkRoot) const;
+    void extractDirectory(const std::filesystem::path& root,
+                          const Common::Rpm::FileIterator::Entry& entry) const;
+    // Writes the file's data, sets its mode and, where the file needs one, its signatures from
+    // the developer CMS as attributes.
+    void extractRegularFile(const std::filesystem::path& root,
+                            const Common::Rpm::ExtractFileIterator::Entry& entry) const;
+    // Recreates a symbolic link (its text kept when it is plainly relative, otherwise placed
+    // against `linkRoot`) or a hard link to the placed data-carrying file below `linkRoot`.
+    void extractLink(const std::filesystem::path& root, const std::filesystem::path& linkRoot,
+                     const Common::Rpm::FileIterator::Entry& entry) const;
+
 private:
     Package() = default;
+
+    const std::vector<Common::RemapRule>& placementRules() const;
 
     std::string filePath;
     std::string packageId;
@@ -64,6 +85,7 @@ private:
     std::optional<PackageSignatures::Cms> developerSignature;
     Source signingSource;
     bool systemDeveloper = false;
+    mutable std::vector<Common::RemapRule> rules; // made on first use
 };
 
 inline std::vector<MappingRule> mappingTable(const Package& package, bool withLib64) {

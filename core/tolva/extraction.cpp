@@ -1,0 +1,112 @@
+// Unpacking a package into a package tree: every entry at its placed path, regular files with
+// their mode and signatures, links recreated against a link root.
+
+#include "common/error.hpp"
+#include "common/log.hpp"
+#include "core/tolva/package.hpp"
+#include "core/tolva/path_checks.hpp"
+
+namespace fs = std::filesystem;
+
+namespace Core::Tolva {
+
+using Common::Error;
+using Common::ErrorCode;
+using Common::Rpm::EntryType;
+using Common::Rpm::IterationResult;
+
+namespace {
+
+// Runs `step`; any standard exception is written as an error line and replaced by `failure`.
+template <typename Step> void extractionStep(const char* failure, Step&& step) {
+    try {
+        step();
+    } catch (const std::exception& error) {
+        Common::LogLine(Common::LogLevel::Error) << error;
+        throw Error(ErrorCode::Filesystem, failure);
+    }
+}
+
+} // namespace
+
+const std::vector<Common::RemapRule>& Package::placementRules() const {
+    if (rules.empty())
+        rules = remapRules(mappingTable(*this, false));
+    return rules;
+}
+
+fs::path Package::placedPath(const fs::path& path) const {
+    fs::path placed = Common::remapPath(path, placementRules());
+    checkPlacedPath(placed, path);
+    return placed;
+}
+
+void Package::extract(const fs::path& root, const fs::path& linkRoot) const {
+    Common::Rpm::ExtractFileIterator(path()).forEach([&](const auto& entry) {
+        switch (entry.type) {
+        case EntryType::Directory:
+            extractDirectory(root, entry);
+            break;
+        case EntryType::RegularFile:
+            extractRegularFile(root, entry);
+            break;
+        case EntryType::Symlink:
+        case EntryType::Hardlink:
+            extractLink(root, linkRoot, entry);
+            break;
+        }
+        return IterationResult::Continue;
+    });
+}
+
+void Package::extractDirectory(const fs::path& root,
+                               const Common::Rpm::FileIterator::Entry& entry) const {
+    extractionStep("couldn't extract directory", [&] {
+        const fs::path destination = root / placedPath(entry.path);
+        fs::create_directories(destination);
+        fs::permissions(destination, fs::perms(entry.permissions), fs::perm_options::replace);
+    });
+}
+
+void Package::extractRegularFile(const fs::path& root,
+                                 const Common::Rpm::ExtractFileIterator::Entry& entry) const {
+    fs::path destination;
+    extractionStep("couldn't extract regular file", [&] {
+        destination = root / placedPath(entry.path);
+        fs::create_directories(destination.parent_path());
+        entry.content->writeTo(destination);
+        fs::permissions(destination, fs::perms(entry.permissions), fs::perm_options::replace);
+    });
+    if (!entry.needsSignature)
+        return;
+    const auto& cms = developerCms();
+    const auto text = [](const PackageSignatures::Bytes& bytes) {
+        return std::string(bytes.begin(), bytes.end());
+    };
+    Common::setExtendedAttribute(destination, "security.ima", text(cms.fileSignature(entry.index)));
+    Common::setExtendedAttribute(destination, "user.TA.shdr",
+                                 text(cms.trustletSignature(entry.index)));
+    Common::setExtendedAttribute(destination, "security.appid", id());
+}
+
+void Package::extractLink(const fs::path& root, const fs::path& linkRoot,
+                          const Common::Rpm::FileIterator::Entry& entry) const {
+    const bool symlink = entry.type == EntryType::Symlink;
+    extractionStep(symlink ? "couldn't extract symlink" : "couldn't extract hardlink", [&] {
+        const fs::path link = root / placedPath(entry.path);
+        const std::string& text = entry.target.native();
+        fs::path target = entry.target;
+        if (text.empty() || text.front() == '.')
+            target = entry.path.parent_path() / entry.target;
+        // Dots are folded by the path alone: nothing on this system is consulted.
+        if (target.is_absolute())
+            target = linkRoot / placedPath(target.lexically_normal());
+        fs::create_directories(link.parent_path());
+        if (symlink)
+            fs::create_symlink(target, link);
+        else
+            fs::create_hard_link(target, link);
+    });
+}
+
+} // namespace Core::Tolva
