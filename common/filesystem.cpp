@@ -3,7 +3,11 @@
 #include "common/error.hpp"
 #include "common/log.hpp"
 
+#include <fcntl.h>
+#include <map>
+#include <sys/stat.h>
 #include <sys/xattr.h>
+#include <unistd.h>
 
 namespace fs = std::filesystem;
 
@@ -85,6 +89,52 @@ void copyFileWithExtendedAttributes(const fs::path& from, const fs::path& to) {
         removeIncompleteCopy(to);
         throw;
     }
+}
+
+void copyTreeWithExtendedAttributes(const fs::path& from, const fs::path& to) {
+    const auto failure = [&] {
+        return Error(ErrorCode::Filesystem,
+                     "couldn't copy directory " + from.string() + " -> " + to.string());
+    };
+    std::map<std::pair<dev_t, ino_t>, fs::path> copies; // hard-link sets, by their first copy
+    try {
+        fs::create_directory(to);
+        fs::permissions(to, fs::status(from).permissions(), fs::perm_options::replace);
+        for (const auto& entry : fs::recursive_directory_iterator(from)) {
+            const fs::path destination = to / entry.path().lexically_relative(from);
+            const auto status = entry.symlink_status();
+            if (fs::is_symlink(status)) {
+                fs::copy_symlink(entry.path(), destination);
+            } else if (fs::is_directory(status)) {
+                fs::create_directory(destination);
+                fs::permissions(destination, status.permissions(), fs::perm_options::replace);
+            } else {
+                struct stat file {};
+                if (::lstat(entry.path().c_str(), &file) != 0)
+                    throw failure();
+                const auto [copy, first] =
+                    copies.try_emplace({file.st_dev, file.st_ino}, destination);
+                if (first)
+                    copyFileWithExtendedAttributes(entry.path(), destination);
+                else
+                    fs::create_hard_link(copy->second, destination);
+            }
+        }
+    } catch (const Error&) {
+        throw;
+    } catch (const std::exception& error) {
+        LogLine(LogLevel::Error) << error;
+        throw failure();
+    }
+}
+
+void syncFileSystem(const fs::path& path) {
+    const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_DIRECTORY);
+    const bool synced = descriptor >= 0 && ::syncfs(descriptor) == 0;
+    if (descriptor >= 0)
+        ::close(descriptor);
+    if (!synced)
+        fail("couldn't flush the file system of " + path.string());
 }
 
 fs::path remapPath(const fs::path& path, const std::vector<RemapRule>& rules) {

@@ -24,6 +24,15 @@ void setExtendedAttribute(const std::filesystem::path& path, const std::string& 
 void copyFileWithExtendedAttributes(const std::filesystem::path& from,
                                     const std::filesystem::path& to);
 
+// Copies the tree `from` to the new directory `to`: directories with their modes, regular files
+// with their modes and attributes (a hard-link set stays one file with all its names), symbolic
+// links as links. Throws Common::Error (Filesystem); a partial copy is left for the caller.
+void copyTreeWithExtendedAttributes(const std::filesystem::path& from,
+                                    const std::filesystem::path& to);
+
+// Flushes the file system that holds `path` to the device. Throws Common::Error (Filesystem).
+void syncFileSystem(const std::filesystem::path& path);
+
 // One rule of a placement table: a path beginning with `prefix` is placed under `target`.
 struct RemapRule {
     std::string prefix; // by convention an absolute directory ending in "/"

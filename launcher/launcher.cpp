@@ -47,8 +47,4 @@ int launch(const Run& run) {
     return 0;
 }
 
-RunBody startMigration() {
-    return [] {};
-}
-
 } // namespace Launcher

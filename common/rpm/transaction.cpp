@@ -31,6 +31,13 @@ void Transaction::run() {
     rpmtsRun(set.get(), nullptr, 0);
 }
 
+bool isInstalled(const std::string& name) {
+    const Transaction transaction;
+    const auto iterator = ownMatchIterator(
+        rpmtsInitIterator(transaction.handle(), RPMDBI_NAME, name.c_str(), name.size()));
+    return rpmdbNextIterator(iterator.get()) != nullptr;
+}
+
 InstalledPackageIterator::InstalledPackageIterator() {
     ensureRpmConfiguration();
     const Transaction transaction;

@@ -32,6 +32,9 @@ private:
     TransactionSetHandle set;
 };
 
+// Whether the RPM database lists a package of this name.
+bool isInstalled(const std::string& name);
+
 // Every installed package, in database order. Walked once.
 class InstalledPackageIterator {
 public:

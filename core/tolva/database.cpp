@@ -1,6 +1,7 @@
 #include "core/tolva/database.hpp"
 
 #include "common/error.hpp"
+#include "common/filesystem.hpp"
 #include "common/log.hpp"
 #include "core/tolva/list_file.hpp"
 
@@ -46,6 +47,23 @@ void putFlat(pt::ptree& tree, const std::string& flatKey, const std::string& val
     auto& keys = found == tree.not_found() ? tree.push_back({section, {}})->second
                                            : tree.to_iterator(found)->second;
     keys.put(pt::ptree::path_type(key, '\0'), value);
+}
+
+// A rename; across file systems, a copy made next to `to` and renamed there, so that `to`
+// appears complete or not at all, and `from` is removed only after that.
+void moveDirectory(const fs::path& from, const fs::path& to) {
+    try {
+        fs::rename(from, to);
+        return;
+    } catch (const fs::filesystem_error& error) {
+        if (error.code() != std::errc::cross_device_link)
+            throw;
+    }
+    const fs::path staging = to.parent_path() / ("." + to.filename().string() + ".partial");
+    fs::remove_all(staging);
+    Common::copyTreeWithExtendedAttributes(from, staging);
+    fs::rename(staging, to);
+    fs::remove_all(from);
 }
 
 } // namespace
@@ -109,7 +127,7 @@ fs::path Database::createVersionedDirectory(const std::string& id, const std::st
     const auto versioned = versionedDirectoryPath(id, version);
     try {
         fs::create_directories(versioned.parent_path());
-        fs::rename(unpacked, versioned);
+        moveDirectory(unpacked, versioned);
     } catch (const std::exception&) {
         throw Common::Error(Common::ErrorCode::Filesystem,
                             "couldn't create versioned directory: " + versioned.string());

@@ -2,11 +2,14 @@
 
 // The Tolva package database: where it lives, and the metadata of its package versions.
 
+#include "common/rpm/transaction.hpp"
 #include "core/tolva/mappings.hpp"
 #include "core/tolva/package.hpp"
+#include "platform/package_signatures/database.hpp"
 
 #include <filesystem>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -21,6 +24,13 @@ inline constexpr const char* nextEntryName = "next";
 inline constexpr const char* previousEntryName = "prev";
 inline constexpr const char* generatedDirectoryListName = "generated.dir.list";
 inline constexpr const char* packageDataFileName = "velmor.pkg";
+
+// A package copied out of RPM and waiting to be installed here.
+struct PreparedPackage {
+    Package package;
+    PackageData certificate;    // "certificate.subgroup" and "certificate.id"
+    std::filesystem::path tree; // the temporary directory that holds its files
+};
 
 class Database {
 public:
@@ -59,6 +69,23 @@ public:
     PackageData readCurrentPackageData(const std::filesystem::path& packageDirectory) const;
     PackageData readNextPackageData(const std::filesystem::path& packageDirectory) const;
 
+    // Moves every qualifying application that RPM has installed into the database: copies its
+    // files out, erases it from RPM, installs the copy. Each package's outcome is logged; throws
+    // only when the preparation as a whole fails, before anything is erased. A run that was
+    // interrupted, or left packages waiting, is taken up first.
+    void migrateFromRpm() const;
+    // Copies the files of every qualifying installed package into the temporary directory and
+    // queues its erasure in `transaction`.
+    std::vector<PreparedPackage>
+    preparePackagesForMigration(Common::Rpm::Transaction& transaction) const;
+    // Copies the installed files of one package into tempDirectory / id; returns that tree.
+    std::filesystem::path copyPackageFilesToTempDirectory(const Package& package) const;
+    // Installs one prepared package: version directory, "current", mappings. On failure the
+    // files go back to the temporary directory.
+    void installPreparedPackage(const PreparedPackage& prepared) const;
+    // The packages that RPM no longer has and that are not installed here yet.
+    std::vector<std::string> waitingPackages() const;
+
     // The repair pass: the data of every intact package, in the root's listing order; whatever
     // does not belong in the root, and every package that cannot be read, is removed.
     std::vector<PackageData> installedPackages() const;
@@ -68,6 +95,18 @@ public:
     static void removeGeneratedDirectories(const std::filesystem::path& versionDirectory);
 
 private:
+    std::filesystem::path preparedRecordPath() const;
+    std::vector<std::string> readPreparedRecord() const;
+    void writePreparedRecord(const std::vector<std::string>& ids) const;
+    std::vector<std::string>
+    resumeInterruptedMigration(const std::vector<std::string>& recorded) const;
+    void cleanUpTemporaryDirectory(const std::vector<std::string>& keep) const;
+    std::optional<PreparedPackage>
+    prepareInstalledPackage(const Common::Rpm::Reader& reader,
+                            const PackageSignatures::Database& signatures,
+                            const std::vector<PreparedPackage>& prepared) const;
+    bool migrate(const PreparedPackage& prepared) const;
+
     std::filesystem::path root;
     std::filesystem::path temp;
 };

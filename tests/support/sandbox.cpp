@@ -95,8 +95,12 @@ namespace {
 bool entered = false;
 } // namespace
 
+// A program that tolva-sandbox started did not enter the sandbox itself: it is known by a
+// mount namespace other than the init process's.
 bool insideSandbox() {
-    return entered;
+    std::error_code error;
+    return entered || fs::read_symlink("/proc/self/ns/mnt", error) !=
+                          fs::read_symlink("/proc/1/ns/mnt", error);
 }
 
 void enterSandbox(const fs::path& scratch) {

@@ -1,0 +1,136 @@
+#include "tests/support/sample_device.hpp"
+
+#include "tests/support/rpm_fixtures.hpp"
+#include "tests/support/sandbox.hpp"
+#include "tests/support/test_pki.hpp"
+
+#include <stdexcept>
+
+namespace fs = std::filesystem;
+
+namespace TestSupport {
+
+namespace {
+
+std::string manifest(const std::string& orgName, const std::string& appName) {
+    return "[Desktop Entry]\nType=Application\nName=" + appName + "\nExec=" + appName +
+           "\n[X-Tolva-Application]\nOrganizationName=" + orgName + "\nApplicationName=" + appName +
+           "\n";
+}
+
+FixturePackage harborNotes() {
+    return {"harbor-notes",
+            "1.2.3",
+            "1",
+            std::nullopt,
+            {},
+            {directory("/usr/share/harbor-notes"),
+             directory("/usr/share/harbor-notes/data", 0750),
+             directory("/usr/libexec/harbor-notes"),
+             directory("/usr/lib/3rdparty/harbor-notes"),
+             file("/usr/bin/harbor-notes", "#!/bin/sh\necho notes\n", 0755),
+             file("/usr/libexec/harbor-notes/sync-helper", "#!/bin/sh\necho sync\n", 0750),
+             file("/usr/share/applications/harbor-notes.desktop", manifest("org.harbor", "Notes")),
+             file("/usr/share/icons/hicolor/86x86/apps/harbor-notes.png", "icon 86"),
+             file("/usr/share/icons/hicolor/128x128/apps/harbor-notes.png", "icon 128"),
+             file("/usr/share/harbor-notes/main.qml", "Item {}\n"),
+             {FixtureFile::Kind::File,
+              "/usr/share/harbor-notes/notes.conf",
+              "sync=on\n",
+              0644,
+              true,
+              {}},
+             file("/usr/lib/3rdparty/harbor-notes/libnotes.so.1", "not really ELF", 0755),
+             symlink("/usr/lib/3rdparty/harbor-notes/libnotes.so", "libnotes.so.1"),
+             {FixtureFile::Kind::File, "/usr/share/harbor-notes/data/words.db", "", 0, false,
+              "head -c 300000 /dev/zero | tr '\\0' 'w'"},
+             hardlink("/usr/share/harbor-notes/data/words-backup.db",
+                      "/usr/share/harbor-notes/data/words.db"),
+             symlink("/usr/share/harbor-notes/default.qml", "./main.qml"),
+             symlink("/usr/share/harbor-notes/helper", "/usr/libexec/harbor-notes/sync-helper")}};
+}
+
+FixturePackage quietClock() {
+    return {"quiet-clock",
+            "0.9",
+            "2",
+            std::nullopt,
+            {},
+            {directory("/usr/share/quiet-clock"),
+             file("/usr/bin/quiet-clock", "#!/bin/sh\necho tick\n", 0755),
+             file("/usr/share/quiet-clock/face.svg", "<svg/>\n")}};
+}
+
+FixturePackage platformSettings() {
+    return {"platform-settings",
+            "3.1",
+            "1",
+            std::nullopt,
+            {},
+            {file("/usr/bin/platform-settings", "#!/bin/sh\n", 0755),
+             file("/usr/share/applications/platform-settings.desktop",
+                  manifest("org.platform", "Settings"))}};
+}
+
+FixturePackage looseTool() {
+    return {"loose-tool", "1.0", "1",
+            std::nullopt, {},    {file("/usr/bin/loose-tool", "#!/bin/sh\n", 0755)}};
+}
+
+ProcessResult pkgsig(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), std::string(TOLVA_BINARY_DIR) + "/bin/pkgsig");
+    return runProgram(arguments);
+}
+
+void check(const ProcessResult& result, const std::string& what) {
+    if (!result.exited || result.status != 0)
+        throw std::runtime_error(what + " failed: " + result.err);
+}
+
+} // namespace
+
+std::vector<SampleApp> buildSampleApps(const fs::path& directory) {
+    std::vector<SampleApp> apps = {{"harbor-notes", "developer", "client", {}},
+                                   {"quiet-clock", "developer", "", {}},
+                                   {"platform-settings", "developer-system", "", {}},
+                                   {"loose-tool", "", "", {}}};
+    const FixturePackage packages[] = {harborNotes(), quietClock(), platformSettings(),
+                                       looseTool()};
+    const auto& pki = TestPki::shared();
+    fs::create_directories(directory);
+    for (std::size_t i = 0; i < apps.size(); ++i) {
+        auto& app = apps[i];
+        app.file = directory / (app.name + ".rpm");
+        fs::copy_file(buildPackage(packages[i]), app.file, fs::copy_options::overwrite_existing);
+        if (app.signer.empty())
+            continue;
+        std::vector<std::string> sign = {"sign",
+                                         app.file.string(),
+                                         "--developer-key",
+                                         pki.key(app.signer).string(),
+                                         "--developer-cert",
+                                         pki.certificate(app.signer).string()};
+        if (!app.client.empty())
+            sign.insert(sign.end(), {"--client-key", pki.key(app.client).string(), "--client-cert",
+                                     pki.certificate(app.client).string()});
+        check(pkgsig(sign), "signing " + app.name);
+    }
+    return apps;
+}
+
+void installSampleDevice(const std::vector<SampleApp>& apps) {
+    const auto& pki = TestPki::shared();
+    fs::create_directories("/etc/keys/packages");
+    fs::copy_file(pki.certificate("ca"), "/etc/keys/packages/ca.pem",
+                  fs::copy_options::overwrite_existing);
+    std::vector<fs::path> files;
+    for (const auto& app : apps)
+        files.push_back(app.file);
+    installPackages(files);
+    for (const auto& app : apps)
+        if (!app.signer.empty())
+            check(pkgsig({"import", app.file.string(), "--ca", "/etc/keys/packages/ca.pem"}),
+                  "importing " + app.name);
+}
+
+} // namespace TestSupport

@@ -1,0 +1,281 @@
+// The real launcher migrating a device whose applications rpm installed, in the sandbox.
+
+#include "platform/package_signatures/certificate.hpp"
+#include "tests/support/file_checks.hpp"
+#include "tests/support/rpm_fixtures.hpp"
+#include "tests/support/sample_device.hpp"
+#include "tests/support/sandboxed_test.hpp"
+#include "tests/support/test_pki.hpp"
+
+#include <algorithm>
+#include <gtest/gtest.h>
+#include <map>
+#include <sys/stat.h>
+
+namespace fs = std::filesystem;
+using TestSupport::readFile;
+using TestSupport::runProgram;
+
+namespace {
+
+constexpr const char* stamp = "/var/lib/tolva/.migration_done";
+const fs::path notes = "/opt/app/harbor-notes/1.2.3-1";
+
+TestSupport::ProcessResult launch() {
+    return runProgram({TOLVA_MIGRATE});
+}
+
+std::string keyId(const std::string& certificate) {
+    return PackageSignatures::Certificate::fromPem(
+               readFile(TestSupport::TestPki::shared().certificate(certificate)))
+        ->keyId();
+}
+
+std::vector<std::string> installedRpms() {
+    const auto query = runProgram({"rpm", "-qa", "--qf", "%{NAME}\n"});
+    std::vector<std::string> names;
+    std::istringstream lines(query.out);
+    for (std::string name; std::getline(lines, name);)
+        names.push_back(name);
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+std::string sql(const std::string& query) {
+    return runProgram({"sqlite3", "/var/lib/trusted-sources/db.sqlite3", query}).out;
+}
+
+struct Installed {
+    std::string content;
+    fs::perms mode;
+    std::optional<std::string> ima;
+};
+
+// What rpm installed for the two applications that qualify, read before the migration.
+std::map<fs::path, Installed> installedFiles() {
+    std::map<fs::path, Installed> files;
+    const auto list = runProgram({"rpm", "-ql", "harbor-notes", "quiet-clock"});
+    std::istringstream lines(list.out);
+    for (std::string path; std::getline(lines, path);)
+        if (fs::is_regular_file(fs::symlink_status(path)))
+            files[path] = {readFile(path), fs::status(path).permissions(),
+                           TestSupport::attribute(path, "security.ima")};
+    return files;
+}
+
+// Installs the sample device inside the sandbox.
+void installDevice(const std::vector<TestSupport::SampleApp>& apps) {
+    TestSupport::installSampleDevice(apps);
+    fs::create_directories("/var/lib/tolva");
+}
+
+} // namespace
+
+TEST(Migration, MovesTheSignedApplicationsAndLeavesTheOthers) {
+    TestSupport::Scratch scratch;
+    const auto apps = TestSupport::buildSampleApps(scratch.path());
+    SANDBOXED([&] {
+        installDevice(apps);
+        // The installed files' own attributes travel; a file deleted since its install is
+        // only warned about.
+        TestSupport::putAttribute("/usr/bin/harbor-notes", "security.ima", "ima-of-notes");
+        fs::remove("/usr/share/icons/hicolor/128x128/apps/harbor-notes.png");
+        const auto before = installedFiles();
+        ASSERT_EQ(before.size(), 11u);
+
+        const auto run = launch();
+        EXPECT_EQ(run.status, 0);
+        const std::string client = "(keyid=" + keyId("client") + ")";
+        EXPECT_EQ(run.err,
+                  "WARN: couldn't parse config file: /etc/tolva/tolva.conf\n"
+                  "WARN: package loose-tool doesn't have developer certificate\n"
+                  "WARN: attempt to copy a non-existent file during package migration: "
+                  "\"/usr/share/icons/hicolor/128x128/apps/harbor-notes.png\"\n"
+                  "warning: file harbor-notes.png: remove failed: No such file or directory\n"
+                  "INFO: package quiet-clock successfully migrated from RPM to Tolva\n"
+                  "INFO: package harbor-notes successfully migrated from RPM to Tolva\n"
+                  "INFO: successfully added trusted source " +
+                      client +
+                      "\n"
+                      "INFO: successfully bound harbor-notes package to source " +
+                      client +
+                      "\n"
+                      "WARN: couldn't parse config file: /etc/tolva/tolva.conf\n"
+                      "INFO: successfully bound quiet-clock package to source "
+                      "(keyid=.no.source.apps)\n");
+        EXPECT_NE(run.out.find("harbor-notes-1.2.3-1"), std::string::npos) << run.out;
+
+        EXPECT_EQ(installedRpms(), (std::vector<std::string>{"loose-tool", "platform-settings"}));
+        const auto verify = runProgram({"rpm", "-V", "loose-tool", "platform-settings"});
+        EXPECT_EQ(verify.status, 0) << verify.out;
+
+        // Every installed file is where it was, through its mapping, as it was.
+        for (const auto& [path, file] : before) {
+            SCOPED_TRACE(path);
+            EXPECT_TRUE(fs::is_symlink(path) ||
+                        TestSupport::attribute(path, "user.tolva.mapping.target").has_value());
+            EXPECT_EQ(readFile(path), file.content);
+            EXPECT_EQ(fs::status(path).permissions(), file.mode);
+            EXPECT_EQ(TestSupport::attribute(fs::canonical(path), "security.ima"), file.ima);
+            const auto id =
+                path.string().find("quiet") == std::string::npos ? "harbor-notes" : "quiet-clock";
+            const bool config = path.filename() == "notes.conf";
+            EXPECT_EQ(TestSupport::attribute(fs::canonical(path), "security.appid"),
+                      config ? std::nullopt : std::optional<std::string>(id));
+        }
+        EXPECT_FALSE(fs::exists("/usr/share/icons/hicolor/128x128/apps/harbor-notes.png"));
+
+        EXPECT_EQ(readFile(notes / "velmor.pkg"), "[general]\nappname=Notes\nid=harbor-notes\n"
+                                                  "orgname=org.harbor\nversion=1.2.3-1\n"
+                                                  "[certificate]\nid=" +
+                                                      keyId("developer") + "\nsubgroup=regular\n");
+        EXPECT_EQ(fs::read_symlink("/opt/app/harbor-notes/current"), notes);
+        EXPECT_EQ(readFile(notes / "generated.dir.list"),
+                  "/usr/lib/3rdparty/harbor-notes\n/usr/libexec/harbor-notes\n"
+                  "/usr/share/harbor-notes\n/usr/share/harbor-notes/data\n");
+        EXPECT_EQ(readFile("/opt/app/quiet-clock/0.9-2/symlink.list"),
+                  "/usr/bin/quiet-clock\n/usr/share/quiet-clock/face.svg\n");
+        EXPECT_EQ(readFile("/opt/app/quiet-clock/0.9-2/velmor.pkg"),
+                  "[general]\nid=quiet-clock\nversion=0.9-2\n[certificate]\nid=" +
+                      keyId("developer") + "\nsubgroup=regular\n");
+
+        // Links: relative, dot-relative and absolute resolve to the installed files; the
+        // library link is copied as a link; the hard-link set is one file.
+        EXPECT_EQ(readFile("/usr/share/harbor-notes/default.qml"), "Item {}\n");
+        EXPECT_EQ(readFile("/usr/share/harbor-notes/helper"), "#!/bin/sh\necho sync\n");
+        EXPECT_EQ(fs::read_symlink("/usr/lib/3rdparty/harbor-notes/libnotes.so"), "libnotes.so.1");
+        EXPECT_TRUE(
+            fs::equivalent(notes / "data/data/words.db", notes / "data/data/words-backup.db"));
+        EXPECT_EQ(fs::hard_link_count(notes / "data/data/words.db"), 2u);
+        EXPECT_EQ(fs::status(notes / "data/data").permissions(), fs::perms(0750));
+
+        EXPECT_EQ(sql("select keyid, subject from sources order by keyid;"),
+                  ".no.source.apps|\n" + keyId("client") + "|" +
+                      TestSupport::TestPki::clientSubject + "\n");
+        EXPECT_EQ(sql("select id, source_keyid from packages order by id;"),
+                  "harbor-notes|" + keyId("client") + "\nquiet-clock|.no.source.apps\n");
+        EXPECT_EQ(sql("select data from configuration where id = 'required';"), "0\n");
+
+        EXPECT_TRUE(fs::exists(stamp));
+        EXPECT_TRUE(fs::is_empty("/opt/tolva/tmp"));
+        const auto again = launch();
+        EXPECT_EQ(again.status, 0);
+        EXPECT_EQ(again.err,
+                  "INFO: package migration from RPM to Tolva is already done, skipping the "
+                  "migration\n");
+    });
+}
+
+TEST(Migration, APackageThatFailsToInstallWaitsForTheNextStart) {
+    TestSupport::Scratch scratch;
+    const auto apps = TestSupport::buildSampleApps(scratch.path());
+    SANDBOXED([&] {
+        installDevice(apps);
+        // A system file where the library would get its lib64 twin stops the install after
+        // the erase.
+        const fs::path blocker = "/usr/lib64/3rdparty/harbor-notes/libnotes.so.1";
+        TestSupport::writeFile(blocker, "system file");
+
+        const auto failed = launch();
+        EXPECT_EQ(failed.status, 1);
+        EXPECT_NE(failed.err.find("ERROR: attempt to override system file with package mapping: " +
+                                  blocker.string() + "\n"),
+                  std::string::npos)
+            << failed.err;
+        const std::string ending =
+            "ERROR: package harbor-notes is erased from RPM and waits to be installed at the "
+            "next start\n"
+            "ERROR: the migration from RPM to Tolva is not complete\n"
+            "ERROR: coundn't migrate rpm packages\n";
+        ASSERT_GE(failed.err.size(), ending.size());
+        EXPECT_EQ(failed.err.substr(failed.err.size() - ending.size()), ending);
+        for (const char* line :
+             {"ERROR: failed to migrate harbor-notes package from RPM to Tolva\n",
+              "INFO: package quiet-clock successfully migrated from RPM to Tolva\n",
+              "INFO: successfully bound harbor-notes package to source"})
+            EXPECT_NE(failed.err.find(line), std::string::npos) << line;
+        EXPECT_FALSE(fs::exists(stamp));
+        EXPECT_EQ(installedRpms(), (std::vector<std::string>{"loose-tool", "platform-settings"}));
+        // The only copy is back in the temporary directory, and nothing of it is mapped.
+        EXPECT_EQ(readFile("/opt/tolva/tmp/harbor-notes/bin/harbor-notes"),
+                  "#!/bin/sh\necho notes\n");
+        EXPECT_FALSE(fs::exists("/opt/app/harbor-notes"));
+        EXPECT_FALSE(fs::exists(fs::symlink_status("/usr/bin/harbor-notes")));
+        EXPECT_EQ(readFile(blocker), "system file");
+        EXPECT_TRUE(fs::exists("/opt/app/quiet-clock/current/velmor.pkg"));
+
+        fs::remove(blocker);
+        const auto resumed = launch();
+        EXPECT_EQ(resumed.status, 0) << resumed.err;
+        EXPECT_NE(resumed.err.find("INFO: package harbor-notes successfully migrated"),
+                  std::string::npos)
+            << resumed.err;
+        EXPECT_TRUE(fs::exists(stamp));
+        EXPECT_EQ(readFile("/usr/bin/harbor-notes"), "#!/bin/sh\necho notes\n");
+        EXPECT_TRUE(
+            fs::equivalent(notes / "data/data/words.db", notes / "data/data/words-backup.db"));
+        EXPECT_TRUE(fs::is_empty("/opt/tolva/tmp"));
+    });
+}
+
+TEST(Migration, AStoreThatCannotBeOpenedStillCompletesTheRun) {
+    TestSupport::Scratch scratch;
+    const auto apps = TestSupport::buildSampleApps(scratch.path());
+    SANDBOXED([&] {
+        installDevice(apps);
+        fs::create_directories("/var/lib/trusted-sources/db.sqlite3");
+        const auto run = launch();
+        EXPECT_EQ(run.status, 0);
+        for (const char* line :
+             {"ERROR: failed to add client certificate for package harbor-notestrusted sources "
+              "database not initialized\n",
+              "ERROR: couldn't bind quiet-clock package to source (keyid=.no.source.apps)\n",
+              "INFO: package quiet-clock successfully migrated from RPM to Tolva\n"})
+            EXPECT_NE(run.err.find(line), std::string::npos) << line << run.err;
+        EXPECT_TRUE(fs::exists(stamp));
+        EXPECT_TRUE(fs::exists("/opt/app/harbor-notes/current/velmor.pkg"));
+    });
+}
+
+TEST(Migration, APreparationThatFailsAsAWholeErasesNothing) {
+    TestSupport::Scratch scratch;
+    const auto apps = TestSupport::buildSampleApps(scratch.path());
+    SANDBOXED([&] {
+        installDevice(apps);
+        // A mount where the record of prepared packages belongs: it can be neither cleared
+        // nor written.
+        TestSupport::mountFresh("tmpfs", "/opt/tolva/tmp/.migration.prepared");
+        const auto run = launch();
+        EXPECT_EQ(run.status, 1);
+        const std::string ending = "ERROR: coundn't migrate rpm packages\n";
+        EXPECT_EQ(run.err.substr(run.err.size() - ending.size()), ending);
+        EXPECT_EQ(run.err.find("successfully"), std::string::npos) << run.err;
+        EXPECT_FALSE(fs::exists(stamp));
+        EXPECT_EQ(installedRpms(), (std::vector<std::string>{"harbor-notes", "loose-tool",
+                                                             "platform-settings", "quiet-clock"}));
+        const auto verify = runProgram({"rpm", "-Va"});
+        EXPECT_EQ(verify.status, 0) << verify.out;
+        EXPECT_FALSE(fs::exists("/opt/app"));
+    });
+}
+
+TEST(Migration, ATemporaryDirectoryOnAnotherFileSystem) {
+    TestSupport::Scratch scratch;
+    const auto apps = TestSupport::buildSampleApps(scratch.path());
+    SANDBOXED([&] {
+        installDevice(apps);
+        TestSupport::mountFresh("tmpfs", "/opt/tolva/tmp");
+        const auto before = installedFiles();
+        const auto run = launch();
+        EXPECT_EQ(run.status, 0) << run.err;
+        for (const auto& [path, file] : before)
+            EXPECT_EQ(readFile(path), file.content) << path;
+        EXPECT_TRUE(
+            fs::equivalent(notes / "data/data/words.db", notes / "data/data/words-backup.db"));
+        EXPECT_EQ(TestSupport::attribute(notes / "bin/harbor-notes", "security.appid"),
+                  "harbor-notes");
+        EXPECT_EQ(fs::status(notes / "libexec/sync-helper").permissions(), fs::perms(0750));
+        EXPECT_EQ(std::distance(fs::directory_iterator("/opt/app/harbor-notes"), {}), 2);
+        EXPECT_TRUE(fs::is_empty("/opt/tolva/tmp"));
+    });
+}
