@@ -5,6 +5,7 @@
 #include "tests/support/rpm_fixtures.hpp"
 #include "tests/support/sample_device.hpp"
 #include "tests/support/sandboxed_test.hpp"
+#include "tests/support/signed_packages.hpp"
 #include "tests/support/test_pki.hpp"
 
 #include <algorithm>
@@ -277,5 +278,38 @@ TEST(Migration, ATemporaryDirectoryOnAnotherFileSystem) {
         EXPECT_EQ(fs::status(notes / "libexec/sync-helper").permissions(), fs::perms(0750));
         EXPECT_EQ(std::distance(fs::directory_iterator("/opt/app/harbor-notes"), {}), 2);
         EXPECT_TRUE(fs::is_empty("/opt/tolva/tmp"));
+    });
+}
+
+TEST(Migration, NamesFromTheDeviceNeverLeadOutOfTheirPlace) {
+    using namespace TestSupport;
+    // A signed application whose manifest names a system directory as its organisation.
+    const FixturePackage cronWriter{
+        "cron-writer",
+        "1.0",
+        "1",
+        std::nullopt,
+        {},
+        {TestSupport::file("/usr/share/applications/cron-writer.desktop",
+                           "[Desktop Entry]\nName=x\n[X-Tolva-Application]\n"
+                           "OrganizationName=../../../etc/cron.d\nApplicationName=job\n"),
+         TestSupport::file("/usr/share/common/job", "* * * * * root sh\n")}};
+    Scratch scratch;
+    const SampleApp app{"cron-writer", "developer", "", scratch / "cron-writer.rpm"};
+    fs::copy_file(buildPackage(cronWriter), app.file);
+    signPackage(app.file, "developer");
+    SANDBOXED([&] {
+        installDevice({app});
+        const auto run = launch();
+        EXPECT_EQ(run.status, 0);
+        EXPECT_NE(run.err.find("ERROR: couldn't extract a package information required for "
+                               "migration\nERROR: organization name is not a valid directory "
+                               "name: \"../../../etc/cron.d\"\n"),
+                  std::string::npos)
+            << run.err;
+        EXPECT_FALSE(fs::exists("/etc/cron.d/job"));
+        EXPECT_EQ(installedRpms(), std::vector<std::string>{"cron-writer"});
+        EXPECT_EQ(runProgram({"rpm", "-V", "cron-writer"}).status, 0);
+        EXPECT_FALSE(fs::exists("/opt/app/cron-writer"));
     });
 }
