@@ -61,8 +61,14 @@ void moveDirectory(const fs::path& from, const fs::path& to) {
     }
     const fs::path staging = to.parent_path() / ("." + to.filename().string() + ".partial");
     fs::remove_all(staging);
-    Common::copyTreeWithExtendedAttributes(from, staging);
-    fs::rename(staging, to);
+    try {
+        Common::copyTreeWithExtendedAttributes(from, staging);
+        fs::rename(staging, to);
+    } catch (...) {
+        std::error_code ignored;
+        fs::remove_all(staging, ignored);
+        throw;
+    }
     fs::remove_all(from);
 }
 

@@ -39,15 +39,22 @@ bool copyLink(const fs::path& source, const fs::path& mappingPath) {
     }
 }
 
+// The copy is made and marked under a name of its own, then renamed into place: a run stopped
+// half-way never leaves an unmarked copy, which every later run would take for a system file.
 void createMarkedCopy(const fs::path& source, const fs::path& mappingPath) {
-    Common::copyFileWithExtendedAttributes(source, mappingPath);
+    const fs::path prepared =
+        mappingPath.parent_path() / ("." + mappingPath.filename().string() + ".tolva-mapping");
+    std::error_code ignored;
+    fs::remove(prepared, ignored); // left by a stopped run
+    Common::copyFileWithExtendedAttributes(source, prepared);
     try {
-        Common::setExtendedAttribute(mappingPath, mappingMarkerAttribute, source.native());
+        Common::setExtendedAttribute(prepared, mappingMarkerAttribute, source.native());
+        fs::rename(prepared, mappingPath);
     } catch (...) {
         try {
-            fs::remove(mappingPath);
+            fs::remove(prepared);
         } catch (const std::exception& error) {
-            LogLine(LogLevel::Warning) << "couldn't remove prepared mapping: " << mappingPath;
+            LogLine(LogLevel::Warning) << "couldn't remove prepared mapping: " << prepared;
             LogLine(LogLevel::Warning) << error;
         }
         throw;

@@ -52,16 +52,25 @@ void removeQuietly(const fs::path& path) {
     fs::remove_all(path, ignored);
 }
 
-// A package as its tree describes it, through the velmor.pkg it carries. Its file list is not
-// needed any more: the generated directory list was written from it.
-PreparedPackage preparedFromTree(const fs::path& versionDirectory, const fs::path& tree) {
+// A package as its tree describes it, through the velmor.pkg it carries; its names are checked
+// again, since the file stood on the device. Its file list is not needed any more: the
+// generated directory list was written from it.
+PreparedPackage preparedFromTree(const std::string& id, const fs::path& versionDirectory,
+                                 const fs::path& tree) {
     const auto data = Database::readPackageDataFile(versionDirectory / packageDataFileName);
-    const auto value = [&](const char* key) -> std::optional<std::string> {
+    const auto value = [&](const char* key, const char* what) -> std::optional<std::string> {
         const auto found = data.find(key);
-        return found == data.end() ? std::nullopt : std::optional(found->second);
+        if (found == data.end())
+            return std::nullopt;
+        checkPathComponent(found->second, what);
+        return found->second;
     };
-    return {Package(data.at("general.id"), data.at("general.version"), {}, value("general.orgname"),
-                    value("general.appname")),
+    if (data.at("general.id") != id)
+        throw Error(ErrorCode::BadPackageID,
+                    "prepared package is not " + id + ": " + versionDirectory.string());
+    return {Package(id, *value("general.version", "package version"), {},
+                    value("general.orgname", "organization name"),
+                    value("general.appname", "application name")),
             {{"certificate.subgroup", data.at("certificate.subgroup")},
              {"certificate.id", data.at("certificate.id")}},
             tree};
@@ -247,7 +256,7 @@ Database::resumeInterruptedMigration(const std::vector<std::string>& recorded) c
         const fs::path current = root / id / currentEntryName;
         std::optional<PreparedPackage> prepared;
         try {
-            prepared = preparedFromTree(hasPackageData(tree) ? tree : current, tree);
+            prepared = preparedFromTree(id, hasPackageData(tree) ? tree : current, tree);
         } catch (const std::exception& error) {
             LogLine(LogLevel::Error) << "couldn't find the prepared files of package " << id;
             LogLine(LogLevel::Error) << error;
@@ -330,7 +339,7 @@ Database::prepareInstalledPackage(const Common::Rpm::Reader& reader,
     // and may be the only one left when that run was stopped inside the erasure.
     const fs::path tree = temp / id;
     if (hasPackageData(tree)) {
-        auto earlier = preparedFromTree(tree, tree);
+        auto earlier = preparedFromTree(id, tree, tree);
         if (earlier.package.version() == version)
             return earlier;
         fs::remove_all(tree);
@@ -441,12 +450,18 @@ fs::path Database::preparedRecordPath() const {
     return temp / preparedRecordName;
 }
 
+// The record stood on the device: a line that is no package id names nothing.
 std::vector<std::string> Database::readPreparedRecord() const {
     std::vector<std::string> ids;
     std::ifstream record(preparedRecordPath());
-    for (std::string id; std::getline(record, id);)
-        if (!id.empty())
+    for (std::string id; std::getline(record, id);) {
+        try {
+            checkPathComponent(id, "package id");
             ids.push_back(id);
+        } catch (const Error& error) {
+            LogLine(LogLevel::Error) << error;
+        }
+    }
     return ids;
 }
 

@@ -313,3 +313,39 @@ TEST(Migration, NamesFromTheDeviceNeverLeadOutOfTheirPlace) {
         EXPECT_FALSE(fs::exists("/opt/app/cron-writer"));
     });
 }
+
+TEST(Migration, ARootThatIsFullOrReadOnlyLosesNothingAndIsRetried) {
+    TestSupport::Scratch scratch;
+    const auto apps = TestSupport::buildSampleApps(scratch.path());
+    SANDBOXED([&] {
+        installDevice(apps);
+        // Room for quiet-clock, not for harbor-notes' data.
+        TestSupport::mountFresh("tmpfs", "/opt/app", "size=200k");
+        const auto full = launch();
+        EXPECT_EQ(full.status, 1);
+        EXPECT_NE(full.err.find("ERROR: couldn't create versioned directory: " + notes.string()),
+                  std::string::npos)
+            << full.err;
+        EXPECT_NE(full.err.find("INFO: package quiet-clock successfully migrated"),
+                  std::string::npos);
+        EXPECT_FALSE(fs::exists("/opt/app/harbor-notes"));
+        EXPECT_EQ(readFile("/opt/tolva/tmp/harbor-notes/bin/harbor-notes"),
+                  "#!/bin/sh\necho notes\n");
+
+        ASSERT_EQ(::mount(nullptr, "/opt/app", nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
+        const auto readOnly = launch();
+        EXPECT_EQ(readOnly.status, 1);
+        EXPECT_NE(readOnly.err.find("ERROR: failed to migrate harbor-notes package from RPM to "
+                                    "Tolva\n"),
+                  std::string::npos)
+            << readOnly.err;
+        EXPECT_TRUE(fs::exists("/opt/tolva/tmp/harbor-notes/bin/harbor-notes"));
+
+        ASSERT_EQ(::mount(nullptr, "/opt/app", nullptr, MS_REMOUNT, "size=10m"), 0);
+        const auto retried = launch();
+        EXPECT_EQ(retried.status, 0) << retried.err;
+        EXPECT_EQ(readFile("/usr/bin/harbor-notes"), "#!/bin/sh\necho notes\n");
+        EXPECT_EQ(readFile("/usr/bin/quiet-clock"), "#!/bin/sh\necho tick\n");
+        EXPECT_TRUE(fs::exists(stamp));
+    });
+}

@@ -344,7 +344,8 @@ TEST(CreateMappings, AFailureInTheMiddleRemovesEveryMappingMadeSoFar) {
         mountFresh("tmpfs", "/etc/connman/vpn-plugin", "nr_inodes=3");
         makeAppendOnly("/etc/connman/vpn-plugin/sub");
 
-        const fs::path failed = "/etc/connman/vpn-plugin/sub/vpn.conf";
+        const fs::path mapping = "/etc/connman/vpn-plugin/sub/vpn.conf";
+        const fs::path failed = "/etc/connman/vpn-plugin/sub/.vpn.conf.tolva-mapping";
         std::string message;
         const auto err = captureStderr([&] {
             message = errorOf([&] { createMappings(v, {"demo.notes", {}, {}}); });
@@ -358,7 +359,7 @@ TEST(CreateMappings, AFailureInTheMiddleRemovesEveryMappingMadeSoFar) {
                            "WARN: " + cannotRemoveCopy + "\n" +
                            "ERROR: couldn't create mapping \"" +
                            (v / "connman/config/sub/vpn.conf").string() + "\" -> \"" +
-                           failed.string() + "\"\n" +
+                           mapping.string() + "\"\n" +
                            "ERROR: couldn't attach user.tolva.mapping.target extended attribute "
                            "to " +
                            failed.string() + "\n" + "INFO: cleaning up created mappings\n" +

@@ -1,0 +1,157 @@
+/* A library to preload into a program under test: it counts the program's file-changing calls
+ * (opening for writing, writing, renaming, linking, removing, creating directories, setting
+ * attributes and modes, truncating, copying) and kills the program with SIGKILL just before the
+ * call numbered TOLVA_CRASH_AT. With TOLVA_CRASH_COUNT set it writes the number of calls it saw
+ * to that file when the program exits normally. */
+
+#define _GNU_SOURCE
+#undef _FORTIFY_SOURCE
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/sendfile.h>
+#include <sys/types.h>
+#include <sys/uio.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+static long crashAt = -1;
+static long calls = 0;
+static const char* countFile = NULL;
+
+static void step(void) {
+    if (++calls == crashAt)
+        kill(getpid(), SIGKILL);
+}
+
+__attribute__((constructor)) static void start(void) {
+    const char* at = getenv("TOLVA_CRASH_AT");
+    if (at)
+        crashAt = atol(at);
+    countFile = getenv("TOLVA_CRASH_COUNT");
+}
+
+__attribute__((destructor)) static void finish(void) {
+    if (!countFile)
+        return;
+    char text[32];
+    const int length = snprintf(text, sizeof text, "%ld\n", calls);
+    int (*realOpen)(const char*, int, ...) = dlsym(RTLD_NEXT, "open");
+    ssize_t (*realWrite)(int, const void*, size_t) = dlsym(RTLD_NEXT, "write");
+    const int file = realOpen(countFile, O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    if (file >= 0) {
+        realWrite(file, text, (size_t)length);
+        close(file);
+    }
+}
+
+/* Every call is counted, then handed to the next definition of the same function. */
+#define COUNTED(result, name, parameters, arguments)                                             \
+    result name parameters {                                                                     \
+        static result(*next) parameters = NULL;                                                  \
+        if (!next)                                                                               \
+            next = dlsym(RTLD_NEXT, #name);                                                      \
+        step();                                                                                  \
+        return next arguments;                                                                   \
+    }
+
+COUNTED(ssize_t, write, (int fd, const void* data, size_t size), (fd, data, size))
+COUNTED(ssize_t, pwrite, (int fd, const void* data, size_t size, off_t at), (fd, data, size, at))
+COUNTED(ssize_t, pwrite64, (int fd, const void* data, size_t size, off64_t at),
+        (fd, data, size, at))
+COUNTED(ssize_t, writev, (int fd, const struct iovec* parts, int count), (fd, parts, count))
+COUNTED(int, rename, (const char* from, const char* to), (from, to))
+COUNTED(int, renameat, (int fromDir, const char* from, int toDir, const char* to),
+        (fromDir, from, toDir, to))
+COUNTED(int, renameat2,
+        (int fromDir, const char* from, int toDir, const char* to, unsigned int flags),
+        (fromDir, from, toDir, to, flags))
+COUNTED(int, link, (const char* from, const char* to), (from, to))
+COUNTED(int, linkat, (int fromDir, const char* from, int toDir, const char* to, int flags),
+        (fromDir, from, toDir, to, flags))
+COUNTED(int, symlink, (const char* target, const char* path), (target, path))
+COUNTED(int, symlinkat, (const char* target, int dir, const char* path), (target, dir, path))
+COUNTED(int, unlink, (const char* path), (path))
+COUNTED(int, unlinkat, (int dir, const char* path, int flags), (dir, path, flags))
+COUNTED(int, rmdir, (const char* path), (path))
+COUNTED(int, mkdir, (const char* path, mode_t mode), (path, mode))
+COUNTED(int, mkdirat, (int dir, const char* path, mode_t mode), (dir, path, mode))
+COUNTED(int, setxattr,
+        (const char* path, const char* name, const void* value, size_t size, int flags),
+        (path, name, value, size, flags))
+COUNTED(int, lsetxattr,
+        (const char* path, const char* name, const void* value, size_t size, int flags),
+        (path, name, value, size, flags))
+COUNTED(int, fsetxattr, (int fd, const char* name, const void* value, size_t size, int flags),
+        (fd, name, value, size, flags))
+COUNTED(int, removexattr, (const char* path, const char* name), (path, name))
+COUNTED(int, lremovexattr, (const char* path, const char* name), (path, name))
+COUNTED(int, fremovexattr, (int fd, const char* name), (fd, name))
+COUNTED(int, chmod, (const char* path, mode_t mode), (path, mode))
+COUNTED(int, fchmod, (int fd, mode_t mode), (fd, mode))
+COUNTED(int, fchmodat, (int dir, const char* path, mode_t mode, int flags),
+        (dir, path, mode, flags))
+COUNTED(int, truncate, (const char* path, off_t size), (path, size))
+COUNTED(int, ftruncate, (int fd, off_t size), (fd, size))
+COUNTED(int, ftruncate64, (int fd, off64_t size), (fd, size))
+COUNTED(ssize_t, copy_file_range,
+        (int in, off64_t* inAt, int out, off64_t* outAt, size_t size, unsigned int flags),
+        (in, inAt, out, outAt, size, flags))
+COUNTED(ssize_t, sendfile, (int out, int in, off_t* at, size_t size), (out, in, at, size))
+COUNTED(ssize_t, sendfile64, (int out, int in, off64_t* at, size_t size), (out, in, at, size))
+
+/* Opening counts only when it may change the file system. */
+static mode_t modeArgument(int flags, va_list rest) {
+    return (flags & (O_CREAT | O_TMPFILE)) ? va_arg(rest, mode_t) : 0;
+}
+
+static int writing(int flags) {
+    return (flags & (O_WRONLY | O_RDWR | O_CREAT | O_TRUNC)) != 0;
+}
+
+#define COUNTED_OPEN(name)                                                                       \
+    int name(const char* path, int flags, ...) {                                                 \
+        static int (*next)(const char*, int, ...) = NULL;                                        \
+        if (!next)                                                                               \
+            next = dlsym(RTLD_NEXT, #name);                                                      \
+        va_list rest;                                                                            \
+        va_start(rest, flags);                                                                   \
+        const mode_t mode = modeArgument(flags, rest);                                           \
+        va_end(rest);                                                                            \
+        if (writing(flags))                                                                      \
+            step();                                                                              \
+        return next(path, flags, mode);                                                          \
+    }
+#define COUNTED_OPENAT(name)                                                                     \
+    int name(int dir, const char* path, int flags, ...) {                                        \
+        static int (*next)(int, const char*, int, ...) = NULL;                                   \
+        if (!next)                                                                               \
+            next = dlsym(RTLD_NEXT, #name);                                                      \
+        va_list rest;                                                                            \
+        va_start(rest, flags);                                                                   \
+        const mode_t mode = modeArgument(flags, rest);                                           \
+        va_end(rest);                                                                            \
+        if (writing(flags))                                                                      \
+            step();                                                                              \
+        return next(dir, path, flags, mode);                                                     \
+    }
+COUNTED_OPEN(open)
+COUNTED_OPEN(open64)
+COUNTED_OPENAT(openat)
+COUNTED_OPENAT(openat64)
+
+#define COUNTED_FOPEN(name)                                                                      \
+    FILE* name(const char* path, const char* mode) {                                             \
+        static FILE* (*next)(const char*, const char*) = NULL;                                   \
+        if (!next)                                                                               \
+            next = dlsym(RTLD_NEXT, #name);                                                      \
+        if (strpbrk(mode, "wa+"))                                                                \
+            step();                                                                              \
+        return next(path, mode);                                                                 \
+    }
+COUNTED_FOPEN(fopen)
+COUNTED_FOPEN(fopen64)
