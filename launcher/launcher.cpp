@@ -1,5 +1,7 @@
 #include "launcher/launcher.hpp"
 
+#include "common/error.hpp"
+#include "common/filesystem.hpp"
 #include "common/log.hpp"
 
 #include <exception>
@@ -18,12 +20,17 @@ bool stampExists() {
 }
 
 // Whether the file really opened is not looked at: a missing stamp only means the next
-// start runs again.
+// start runs again. The stamp is flushed after everything it vouches for; a flush that fails
+// is as harmless as a stamp that is not there.
 void writeStamp() {
     try {
         std::ofstream stamp(stampPath);
     } catch (const std::exception&) {
         Common::logWarning(std::string("couldn't create migration stamp: ") + stampPath);
+    }
+    try {
+        Common::syncFileSystem(std::filesystem::path(stampPath).parent_path());
+    } catch (const Common::Error&) {
     }
 }
 

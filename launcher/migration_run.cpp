@@ -84,15 +84,14 @@ void bindPackagesWithoutSource() {
     }
 }
 
-// Packages erased from RPM and not installed yet keep the run from counting as done, so that
-// the next start installs them.
+// A package whose migration did not finish keeps the run from counting as done, so that the
+// next start takes it up.
 void requireNothingWaiting(const Core::Tolva::Database& database) {
     const auto waiting = database.waitingPackages();
     if (waiting.empty())
         return;
     for (const auto& id : waiting)
-        Common::logError("package " + id +
-                         " is erased from RPM and waits to be installed at the next start");
+        Common::logError("package " + id + " waits to be migrated at the next start");
     throw Common::Error(Common::ErrorCode::Internal,
                         "the migration from RPM to Tolva is not complete");
 }

@@ -83,7 +83,8 @@ public:
     // Installs one prepared package: version directory, "current", mappings. On failure the
     // files go back to the temporary directory.
     void installPreparedPackage(const PreparedPackage& prepared) const;
-    // The packages that RPM no longer has and that are not installed here yet.
+    // The packages whose migration did not finish: erased from RPM and not installed here yet,
+    // or not erased by RPM.
     std::vector<std::string> waitingPackages() const;
 
     // The repair pass: the data of every intact package, in the root's listing order; whatever

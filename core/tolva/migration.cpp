@@ -222,11 +222,12 @@ void Database::migrateFromRpm() const {
 
     transaction.run();
     for (const auto& package : prepared) {
+        // Still RPM's: its copy is not needed, but it is prepared again at the next start.
         if (Common::Rpm::isInstalled(package.package.id())) {
             LogLine(LogLevel::Warning) << "package " << package.package.id()
-                                       << " is still installed by RPM after its erasure, it "
-                                          "stays an RPM package";
+                                       << " is still installed by RPM after its erasure";
             removeQuietly(package.tree);
+            waiting.push_back(package.package.id());
         } else if (!migrate(package)) {
             waiting.push_back(package.package.id());
         }
@@ -243,7 +244,8 @@ void Database::migrateFromRpm() const {
 }
 
 // Installs what an earlier run erased from RPM but did not install; returns the ids that are
-// still recorded afterwards (those still waiting, and those that RPM still has).
+// still recorded afterwards (those still waiting, and those that RPM still has, whose copy, if
+// there is one, the preparation may take up again).
 std::vector<std::string>
 Database::resumeInterruptedMigration(const std::vector<std::string>& recorded) const {
     std::vector<std::string> remaining;

@@ -184,8 +184,7 @@ TEST(Migration, APackageThatFailsToInstallWaitsForTheNextStart) {
                   std::string::npos)
             << failed.err;
         const std::string ending =
-            "ERROR: package harbor-notes is erased from RPM and waits to be installed at the "
-            "next start\n"
+            "ERROR: package harbor-notes waits to be migrated at the next start\n"
             "ERROR: the migration from RPM to Tolva is not complete\n"
             "ERROR: coundn't migrate rpm packages\n";
         ASSERT_GE(failed.err.size(), ending.size());
@@ -347,5 +346,36 @@ TEST(Migration, ARootThatIsFullOrReadOnlyLosesNothingAndIsRetried) {
         EXPECT_EQ(readFile("/usr/bin/harbor-notes"), "#!/bin/sh\necho notes\n");
         EXPECT_EQ(readFile("/usr/bin/quiet-clock"), "#!/bin/sh\necho tick\n");
         EXPECT_TRUE(fs::exists(stamp));
+    });
+}
+
+TEST(Migration, APackageThatRpmRefusesToEraseStaysAndIsTriedAgain) {
+    using namespace TestSupport;
+    FixturePackage stubborn{
+        "stubborn",   "1.0", "1",
+        std::nullopt, {},    {TestSupport::file("/usr/bin/stubborn", "#!/bin/sh\n", 0755)}};
+    stubborn.preuninstall = "exit 1";
+    Scratch scratch;
+    const SampleApp app{"stubborn", "developer", "", scratch / "stubborn.rpm"};
+    fs::copy_file(buildPackage(stubborn), app.file);
+    signPackage(app.file, "developer");
+    SANDBOXED([&] {
+        installDevice({app});
+        for (int start = 0; start < 2; ++start) {
+            const auto run = launch();
+            EXPECT_EQ(run.status, 1);
+            EXPECT_NE(run.err.find("WARN: package stubborn is still installed by RPM after its "
+                                   "erasure\n"),
+                      std::string::npos)
+                << run.err;
+            EXPECT_NE(run.err.find("ERROR: package stubborn waits to be migrated at the next "
+                                   "start\n"),
+                      std::string::npos);
+            const auto verify = runProgram({"rpm", "-V", "--nodeps", "stubborn"});
+            EXPECT_EQ(verify.status, 0) << verify.out << verify.err;
+            EXPECT_FALSE(fs::exists("/opt/app/stubborn"));
+            EXPECT_FALSE(fs::exists("/opt/tolva/tmp/stubborn"));
+            EXPECT_FALSE(fs::exists(stamp));
+        }
     });
 }
