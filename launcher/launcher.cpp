@@ -38,8 +38,7 @@ void writeStamp() {
 
 int launch(const Run& run) {
     if (stampExists()) {
-        Common::logInfo(
-            "package migration from RPM to Tolva is already done, skipping the migration");
+        Common::logInfo(alreadyDoneText);
         return 0;
     }
     const RunBody body = run();

@@ -3,11 +3,11 @@
 // The one-shot launcher: the stamp test, the migration run, and the run's outcome turned into
 // the stamp file and the exit status.
 
+#include "launcher/stamp.hpp"
+
 #include <functional>
 
 namespace Launcher {
-
-inline constexpr const char* stampPath = "/var/lib/tolva/.migration_done";
 
 // The part of a run that stands inside the launcher's handler.
 using RunBody = std::function<void()>;

@@ -26,8 +26,11 @@ bool isKnownGroup(int group) {
 // Writes `text` to a new file next to `target`, flushes it to disk and renames it over
 // `target`. The temporary file is removed when anything fails.
 void replaceFileAtomically(const fs::path& target, const std::string& text) {
-    std::string temporary =
-        (target.parent_path() / ("." + target.filename().string() + ".XXXXXX")).string();
+    // Built by appending: "." + name + suffix trips GCC 12's -Wrestrict false positive when
+    // optimised.
+    std::string hidden(1, '.');
+    hidden.append(target.filename().native()).append(".XXXXXX");
+    std::string temporary = (target.parent_path() / hidden).string();
     const int fd = ::mkstemp(temporary.data());
     if (fd < 0)
         failWithErrno("cannot create a temporary file next to " + target.string(), errno);

@@ -1,7 +1,9 @@
-// The real launcher binary, run in the sandbox on the real stamp path.
+// The launcher as installed (the front, which hands over to the migrator), run in the sandbox on
+// the real stamp path.
 
 #include "tests/support/sandboxed_test.hpp"
 
+#include <algorithm>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
@@ -78,5 +80,27 @@ TEST(LauncherBinary, AFailingStampQueryEndsTheProcessAbnormally) {
         EXPECT_EQ(run.err.find("WARN: "), std::string::npos) << run.err;
         fs::remove("/var/lib/tolva");
         EXPECT_FALSE(fs::exists(stamp));
+    });
+}
+
+TEST(LauncherBinary, TheFrontAnswersADoneStartAloneAndReportsAMissingMigrator) {
+    SANDBOXED([] {
+        fs::create_directories("/tmp/alone");
+        fs::copy_file(TOLVA_MIGRATE, "/tmp/alone/tolva-migrate"); // no migrator beside it
+        fs::create_directories("/var/lib/tolva");
+        auto run = runProgram({"/tmp/alone/tolva-migrate"});
+        EXPECT_TRUE(run.exited);
+        EXPECT_EQ(run.status, 1);
+        EXPECT_TRUE(run.err.starts_with("ERROR: couldn't run the migrator \"/tmp/alone/"))
+            << run.err;
+        EXPECT_TRUE(run.err.ends_with("tolva-migrate-run\": No such file or directory\n"))
+            << run.err;
+        EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 1) << run.err;
+        EXPECT_FALSE(fs::exists(stamp));
+
+        std::ofstream{stamp};
+        run = runProgram({"/tmp/alone/tolva-migrate"});
+        EXPECT_EQ(run.status, 0);
+        EXPECT_EQ(run.err, alreadyDone);
     });
 }

@@ -136,8 +136,11 @@ private:
 class TemporaryFile {
 public:
     explicit TemporaryFile(const fs::path& target) {
-        std::string pattern =
-            (target.parent_path() / ("." + target.filename().string() + ".pkgsig-XXXXXX")).string();
+        // Appended piece by piece: the "." + name + suffix form trips GCC 12's -Wrestrict
+        // false positive when optimised.
+        std::string hidden(1, '.');
+        hidden.append(target.filename().native()).append(".pkgsig-XXXXXX");
+        std::string pattern = (target.parent_path() / hidden).string();
         fd = ::mkstemp(pattern.data());
         if (fd < 0)
             throw std::runtime_error("cannot create a temporary file next to " + target.string() +
