@@ -218,22 +218,39 @@ TEST(Migration, APackageThatFailsToInstallWaitsForTheNextStart) {
     });
 }
 
-TEST(Migration, AStoreThatCannotBeOpenedStillCompletesTheRun) {
+TEST(Migration, AStoreThatCannotBeOpenedOrIsLockedStillCompletesTheRun) {
     TestSupport::Scratch scratch;
     const auto apps = TestSupport::buildSampleApps(scratch.path());
-    SANDBOXED([&] {
-        installDevice(apps);
-        fs::create_directories("/var/lib/trusted-sources/db.sqlite3");
+    // Either way the store fails when it is opened, and every operation says so.
+    const auto storeFailure = [&] {
         const auto run = launch();
         EXPECT_EQ(run.status, 0);
-        for (const char* line :
-             {"ERROR: failed to add client certificate for package harbor-notestrusted sources "
-              "database not initialized\n",
-              "ERROR: couldn't bind quiet-clock package to source (keyid=.no.source.apps)\n",
-              "INFO: package quiet-clock successfully migrated from RPM to Tolva\n"})
+        for (const std::string& line :
+             {std::string("ERROR: failed to add client certificate for package harbor-notes"
+                          "trusted sources database not initialized\n"),
+              std::string("ERROR: couldn't bind quiet-clock package to source "
+                          "(keyid=.no.source.apps)\n"),
+              std::string("INFO: package quiet-clock successfully migrated from RPM to Tolva\n")})
             EXPECT_NE(run.err.find(line), std::string::npos) << line << run.err;
         EXPECT_TRUE(fs::exists(stamp));
         EXPECT_TRUE(fs::exists("/opt/app/harbor-notes/current/velmor.pkg"));
+    };
+    SANDBOXED([&] {
+        installDevice(apps);
+        fs::create_directories("/var/lib/trusted-sources/db.sqlite3");
+        storeFailure();
+    });
+    SANDBOXED([&] {
+        installDevice(apps);
+        // Another process holds the store's write lock for the whole run.
+        fs::create_directories("/var/lib/trusted-sources");
+        runProgram({"sh", "-c",
+                    "(echo 'create table t(x); begin exclusive; insert into t "
+                    "values(1);'; sleep 30) | sqlite3 "
+                    "/var/lib/trusted-sources/db.sqlite3 >/dev/null & "
+                    "sleep 0.5; echo $!"});
+        storeFailure();
+        runProgram({"pkill", "-f", "sleep 30"});
     });
 }
 
