@@ -3,6 +3,7 @@
 #include "common/error.hpp"
 #include "common/log.hpp"
 
+#include <cerrno>
 #include <fcntl.h>
 #include <map>
 #include <sys/stat.h>
@@ -126,6 +127,33 @@ void copyTreeWithExtendedAttributes(const fs::path& from, const fs::path& to) {
         LogLine(LogLevel::Error) << error;
         throw failure();
     }
+}
+
+std::optional<std::string> readRegularFile(const fs::path& path) {
+    const int descriptor =
+        ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
+    if (descriptor < 0) {
+        if (errno == ENOENT || errno == ELOOP || errno == ENOTDIR || errno == ENXIO)
+            return std::nullopt;
+        fail("couldn't read file: " + path.string());
+    }
+    struct stat file {};
+    std::string contents;
+    bool regular = ::fstat(descriptor, &file) == 0 && S_ISREG(file.st_mode);
+    for (char buffer[65536]; regular;) {
+        const ssize_t got = ::read(descriptor, buffer, sizeof buffer);
+        if (got < 0) {
+            ::close(descriptor);
+            fail("couldn't read file: " + path.string());
+        }
+        if (got == 0)
+            break;
+        contents.append(buffer, std::size_t(got));
+    }
+    ::close(descriptor);
+    if (!regular)
+        return std::nullopt;
+    return contents;
 }
 
 void syncFileSystem(const fs::path& path) {

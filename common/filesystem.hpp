@@ -3,6 +3,7 @@
 // File utilities that keep extended attributes, and the placement of paths by prefix rules.
 
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -29,6 +30,11 @@ void copyFileWithExtendedAttributes(const std::filesystem::path& from,
 // links as links. Throws Common::Error (Filesystem); a partial copy is left for the caller.
 void copyTreeWithExtendedAttributes(const std::filesystem::path& from,
                                     const std::filesystem::path& to);
+
+// The contents of the file at `path` when it is a regular file, nothing when nothing or
+// something else stands there. A symbolic link at `path` itself is not followed and a FIFO is
+// not waited on. Throws Common::Error (Filesystem) when the file is there but cannot be read.
+std::optional<std::string> readRegularFile(const std::filesystem::path& path);
 
 // Flushes the file system that holds `path` to the device. Throws Common::Error (Filesystem).
 void syncFileSystem(const std::filesystem::path& path);

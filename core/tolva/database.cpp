@@ -4,11 +4,13 @@
 #include "common/filesystem.hpp"
 #include "common/log.hpp"
 #include "core/tolva/list_file.hpp"
+#include "core/tolva/path_checks.hpp"
 
 #include <array>
 #include <boost/property_tree/ini_parser.hpp>
 #include <boost/property_tree/ptree.hpp>
 #include <fstream>
+#include <sstream>
 
 namespace fs = std::filesystem;
 namespace pt = boost::property_tree;
@@ -28,9 +30,60 @@ pt::ptree readConfiguration() {
     return tree;
 }
 
+// Absent, or not reachable at all (a loop of links, a path through a file).
 bool isAbsent(const fs::path& path) {
-    const auto type = fs::status(path).type();
-    return type == fs::file_type::not_found || type == fs::file_type::unknown;
+    std::error_code error;
+    const auto type = fs::status(path, error).type();
+    return type == fs::file_type::not_found || type == fs::file_type::unknown ||
+           type == fs::file_type::none;
+}
+
+// The version directory that the package's "current" or "next" link names, when the link
+// stays in its package directory: a link to a directory entry of the package directory that
+// is not itself a link. Anything else is damage, never followed.
+std::optional<fs::path> linkedVersion(const fs::path& packageDirectory, const char* name) {
+    std::error_code error;
+    const fs::path link = packageDirectory / name;
+    if (!fs::is_symlink(fs::symlink_status(link, error)))
+        return std::nullopt;
+    fs::path target = fs::read_symlink(link, error);
+    if (error)
+        return std::nullopt;
+    if (target.is_relative())
+        target = packageDirectory / target;
+    if (!isInside(target, packageDirectory) || target.parent_path() != packageDirectory ||
+        fs::is_symlink(fs::symlink_status(target, error)))
+        return std::nullopt;
+    return target;
+}
+
+void logDamagedLink(const fs::path& link) {
+    Common::LogLine(Common::LogLevel::Warning)
+        << "ignoring a link that leads out of its package directory: " << link;
+}
+
+// The names of the package whose version directory this is: its id from the package
+// directory, its manifest names from its velmor.pkg when that can be read.
+PackageNames namesOf(const fs::path& versionDirectory) {
+    PackageNames names{versionDirectory.parent_path().filename().string(), {}, {}};
+    try {
+        const auto data = Database::readPackageDataFile(versionDirectory / packageDataFileName);
+        if (data.contains("general.orgname") && data.contains("general.appname")) {
+            names.orgName = data.at("general.orgname");
+            names.appName = data.at("general.appname");
+        }
+    } catch (const std::exception&) {
+    }
+    return names;
+}
+
+// The paths of a list file; nothing stands for a file that is missing or not a regular file.
+std::optional<std::vector<fs::path>> readListPaths(const fs::path& file) {
+    const auto text = Common::readRegularFile(file);
+    if (!text)
+        return std::nullopt;
+    std::istringstream stream(*text);
+    return readListFile(stream);
 }
 
 [[noreturn]] void corrupted(std::string&& message) {
@@ -72,12 +125,48 @@ void moveDirectory(const fs::path& from, const fs::path& to) {
     fs::remove_all(from);
 }
 
+// A directory that the database may own: absolute, without "." or "..", below the top level,
+// and neither a system directory that packages are mapped into nor one that holds them.
+bool isPlaceForDatabase(const fs::path& directory) {
+    if (!directory.is_absolute() || directory != directory.lexically_normal() ||
+        std::distance(directory.begin(), directory.end()) < 3)
+        return false;
+    for (const char* virtualTree : {"/proc", "/sys", "/dev", "/run"})
+        if (directory == virtualTree || isInside(directory, virtualTree))
+            return false;
+    for (const auto& rule :
+         mappingTable(PackageNames{"package", "organization", "application"}, true)) {
+        const fs::path system = fs::path(rule.systemPrefix).parent_path();
+        if (directory == system || isInside(system, directory))
+            return false;
+    }
+    return true;
+}
+
+fs::path configuredDirectory(const pt::ptree& configuration, const char* key,
+                             const char* fallback) {
+    const fs::path directory = configuration.get<std::string>(key, fallback);
+    if (directory == fallback || isPlaceForDatabase(directory))
+        return directory;
+    Common::LogLine(Common::LogLevel::Warning)
+        << "ignoring an unsafe directory in config file: " << key << "=" << directory;
+    return fallback;
+}
+
 } // namespace
 
 Database::Database() {
     const auto configuration = readConfiguration();
-    root = configuration.get<std::string>("database.root_directory", "/opt/app");
-    temp = configuration.get<std::string>("database.temp_directory", "/opt/tolva/tmp");
+    root = configuredDirectory(configuration, "database.root_directory", "/opt/app");
+    temp = configuredDirectory(configuration, "database.temp_directory", "/opt/tolva/tmp");
+    // Each would otherwise clear or list the other.
+    if (root == temp || isInside(temp, root) || isInside(root, temp)) {
+        Common::LogLine(Common::LogLevel::Warning)
+            << "ignoring an unsafe directory in config file: database.temp_directory=" << temp;
+        temp = "/opt/tolva/tmp";
+        if (isInside(temp, root) || isInside(root, temp))
+            root = "/opt/app";
+    }
 }
 
 fs::path Database::versionedDirectoryPath(const std::string& id, const std::string& version) const {
@@ -87,9 +176,20 @@ fs::path Database::versionedDirectoryPath(const std::string& id, const std::stri
 PackageData Database::readPackageDataFile(const fs::path& file) {
     if (isAbsent(file))
         corrupted("velmor.pkg doesn't exist: " + file.string());
+    std::optional<std::string> text;
+    try {
+        text = Common::readRegularFile(file);
+    } catch (const Common::Error&) {
+        // Not the file's fault: the package is not taken for corrupted.
+        throw Common::Error(Common::ErrorCode::Filesystem,
+                            "couldn't read velmor.pkg file: " + file.string());
+    }
     pt::ptree tree;
     try {
-        pt::read_ini(file.string(), tree);
+        if (!text)
+            throw std::runtime_error("not a regular file");
+        std::istringstream stream(*text);
+        pt::read_ini(stream, tree);
     } catch (const std::exception&) {
         corrupted("couldn't parse velmor.pkg file: " + file.string());
     }
@@ -150,7 +250,17 @@ PackageData Database::readPackageData(const fs::path& packageDirectory) const {
 PackageData Database::readCurrentPackageData(const fs::path& packageDirectory) const {
     const auto current = packageDirectory / currentEntryName;
     try {
-        return readPackageDataFile(current / packageDataFileName);
+        const auto version = linkedVersion(packageDirectory, currentEntryName);
+        if (!version)
+            corrupted("current version is not a version directory: " + current.string());
+        return readPackageDataFile(*version / packageDataFileName);
+    } catch (const Common::Error& error) {
+        if (error.code() != Common::ErrorCode::CorruptedInstalledPackage)
+            throw; // unreadable, not damaged: the package stays
+        Common::LogLine(Common::LogLevel::Error)
+            << "couldn't read package data from the current directory: " << current;
+        cleanUpCorruptedPackage(packageDirectory);
+        throw;
     } catch (...) {
         Common::LogLine(Common::LogLevel::Error)
             << "couldn't read package data from the current directory: " << current;
@@ -161,18 +271,23 @@ PackageData Database::readCurrentPackageData(const fs::path& packageDirectory) c
 
 PackageData Database::readNextPackageData(const fs::path& packageDirectory) const {
     const auto next = packageDirectory / nextEntryName;
+    const auto version = linkedVersion(packageDirectory, nextEntryName);
     try {
-        return readPackageDataFile(next / packageDataFileName);
+        if (version)
+            return readPackageDataFile(*version / packageDataFileName);
+    } catch (const Common::Error& error) {
+        if (error.code() != Common::ErrorCode::CorruptedInstalledPackage)
+            throw; // unreadable, not damaged: the package stays
     } catch (...) {
-        Common::LogLine(Common::LogLevel::Warning)
-            << "couldn't read package data from the next directory: " << next;
-        Common::logInfo("trying to read data from the current directory");
-        Common::LogLine(Common::LogLevel::Info) << "cleaning up corrupted next directory: " << next;
     }
-    if (fs::is_symlink(fs::symlink_status(next))) {
-        auto target = fs::read_symlink(next);
-        if (target.is_relative())
-            target = packageDirectory / target;
+    Common::LogLine(Common::LogLevel::Warning)
+        << "couldn't read package data from the next directory: " << next;
+    Common::logInfo("trying to read data from the current directory");
+    Common::LogLine(Common::LogLevel::Info) << "cleaning up corrupted next directory: " << next;
+    if (fs::is_symlink(fs::symlink_status(next)) && !version)
+        logDamagedLink(next);
+    if (version) {
+        const fs::path& target = *version;
         try {
             fs::remove_all(target);
         } catch (const std::exception& error) {
@@ -196,6 +311,15 @@ std::vector<PackageData> Database::installedPackages() const {
     for (const auto& packageDirectory : listPackageDirectories()) {
         try {
             packages.push_back(readPackageData(packageDirectory));
+        } catch (const Common::Error& error) {
+            if (error.code() == Common::ErrorCode::Filesystem) {
+                Common::LogLine(Common::LogLevel::Warning)
+                    << "couldn't read package directory, keeping it: " << packageDirectory;
+                Common::LogLine(Common::LogLevel::Warning) << error;
+            } else {
+                Common::LogLine(Common::LogLevel::Warning)
+                    << "corrupted package directory found: " << packageDirectory;
+            }
         } catch (const std::exception&) {
             Common::LogLine(Common::LogLevel::Warning)
                 << "corrupted package directory found: " << packageDirectory;
@@ -208,8 +332,10 @@ std::vector<fs::path> Database::listPackageDirectories() const {
     std::vector<fs::path> directories;
     if (isAbsent(root))
         return directories;
+    // A link in the root is never followed: it is an unexpected entry like any other.
     for (const auto& entry : fs::directory_iterator(root)) {
-        if (fs::is_directory(fs::status(entry.path()))) {
+        std::error_code error;
+        if (fs::is_directory(fs::symlink_status(entry.path(), error))) {
             directories.push_back(entry.path());
             continue;
         }
@@ -228,18 +354,21 @@ std::vector<fs::path> Database::listPackageDirectories() const {
 
 void Database::cleanUpCorruptedPackage(const fs::path& packageDirectory) const {
     const std::string name = packageDirectory.filename().string();
+    const auto version = linkedVersion(packageDirectory, currentEntryName);
     const auto current = packageDirectory / currentEntryName;
-    if (!isAbsent(current)) {
+    if (!version && fs::is_symlink(fs::symlink_status(current)))
+        logDamagedLink(current);
+    if (version && !isAbsent(*version)) {
         Common::logInfo("cleaning up corrupted package mappings: " + name);
         try {
-            removePackageMappings(current);
+            removePackageMappings(*version);
         } catch (const Common::Error& error) {
             Common::logWarning("couldn't clean up corrupted package mapping: " + name);
             Common::LogLine(Common::LogLevel::Warning) << error;
         }
         Common::logInfo("cleaning up the generated directories of the corrupted package: " + name);
         try {
-            removeGeneratedDirectories(current);
+            removeGeneratedDirectories(*version);
         } catch (const Common::Error& error) {
             Common::logWarning("couldn't clean up the generated directories of the corrupted "
                                "package: " +
@@ -264,13 +393,23 @@ void Database::removeGeneratedDirectories(const fs::path& versionDirectory) {
     const auto listFile = versionDirectory / generatedDirectoryListName;
     if (isAbsent(listFile))
         return;
-    std::ifstream list(listFile);
-    if (!list)
+    std::optional<std::vector<fs::path>> directories;
+    try {
+        directories = readListPaths(listFile);
+    } catch (const Common::Error&) {
+    }
+    if (!directories)
         throw Common::Error(Common::ErrorCode::Filesystem,
                             "couldn't open package generated directory list");
-    for (const auto& directory : readListFile(list)) {
+    const auto package = namesOf(versionDirectory);
+    for (const auto& directory : *directories) {
         if (directory.empty() || isAbsent(directory))
             continue;
+        if (!isGeneratedDirectoryOf(directory, package)) {
+            Common::LogLine(Common::LogLevel::Warning)
+                << "skip removing a listed path outside the package's places: " << directory;
+            continue;
+        }
         try {
             fs::remove_all(directory);
         } catch (const std::exception&) {
@@ -281,18 +420,31 @@ void Database::removeGeneratedDirectories(const fs::path& versionDirectory) {
 }
 
 void Database::removePackageMappings(const fs::path& versionDirectory) {
-    std::ifstream list(versionDirectory / mappingListName);
-    if (!list)
+    std::optional<std::vector<fs::path>> mappings;
+    try {
+        mappings = readListPaths(versionDirectory / mappingListName);
+    } catch (const Common::Error&) {
+    }
+    if (!mappings)
         throw Common::Error(Common::ErrorCode::Filesystem, "couldn't find package symlink list");
-    for (const auto& mapping : readListFile(list)) {
+    const auto package = namesOf(versionDirectory);
+    const fs::path packageDirectory = versionDirectory.parent_path();
+    for (const auto& mapping : *mappings) {
         if (mapping.empty())
             continue;
-        if (!isMapping(mapping)) {
+        switch (classifyListedMapping(mapping, package, packageDirectory)) {
+        case ListedMapping::OutOfPlace:
+            Common::LogLine(Common::LogLevel::Warning)
+                << "skip removing a listed path outside the package's places: " << mapping;
+            continue;
+        case ListedMapping::Overwritten:
             Common::LogLine(Common::LogLevel::Warning)
                 << "skip removing the generated package symlink, since it was most likely "
                    "overwritten via rpm: "
                 << mapping;
             continue;
+        case ListedMapping::Mapping:
+            break;
         }
         try {
             fs::remove(mapping);

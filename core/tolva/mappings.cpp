@@ -3,6 +3,9 @@
 #include "common/error.hpp"
 #include "common/log.hpp"
 #include "core/tolva/list_file.hpp"
+#include "core/tolva/path_checks.hpp"
+
+#include <algorithm>
 
 namespace fs = std::filesystem;
 using Common::LogLevel;
@@ -61,15 +64,17 @@ void createMarkedCopy(const fs::path& source, const fs::path& mappingPath) {
     }
 }
 
-// Makes room for a mapping: a leftover mapping at `mappingPath` is removed, a system file
-// there stops the run. A dangling link is a leftover as well; it goes only when a mapping
-// is about to be made in its place.
-void clearMappingPath(const fs::path& mappingPath, bool aboutToCreate) {
-    const bool somethingThere = fs::exists(fs::status(mappingPath));
-    const bool danglingLink = !somethingThere && fs::is_symlink(fs::symlink_status(mappingPath));
-    if (!somethingThere && !(danglingLink && aboutToCreate))
+// Makes room for a mapping: a leftover mapping of this package at `mappingPath` is removed,
+// anything else there stops the run. A dangling link is a leftover as well; it goes only when a
+// mapping is about to be made in its place.
+void clearMappingPath(const fs::path& mappingPath, bool aboutToCreate, const PackageNames& package,
+                      const fs::path& packageDirectory) {
+    std::error_code error;
+    const bool somethingThere = fs::exists(fs::status(mappingPath, error));
+    const bool link = fs::is_symlink(fs::symlink_status(mappingPath, error));
+    if (!somethingThere && !(link && aboutToCreate))
         return;
-    if (somethingThere && !isMapping(mappingPath))
+    if (classifyListedMapping(mappingPath, package, packageDirectory) != ListedMapping::Mapping)
         fail("attempt to override system file with package mapping: " + mappingPath.string());
     try {
         fs::remove(mappingPath);
@@ -82,8 +87,8 @@ void clearMappingPath(const fs::path& mappingPath, bool aboutToCreate) {
 class MappingRun {
 public:
     MappingRun(const fs::path& versionDirectory, const PackageNames& package, bool withLib64)
-        : versionDirectory(versionDirectory), table(mappingTable(package, withLib64)),
-          everyRule(mappingTable(package, true)) {}
+        : versionDirectory(versionDirectory), package(package),
+          table(mappingTable(package, withLib64)), everyRule(mappingTable(package, true)) {}
 
     void run() {
         try {
@@ -113,7 +118,7 @@ private:
                 continue;
             const fs::path mappingPath =
                 fs::path(rule.systemPrefix) / entry.path().lexically_relative(directory);
-            clearMappingPath(mappingPath, create);
+            clearMappingPath(mappingPath, create, package, versionDirectory.parent_path());
             if (create)
                 map(entry.path(), mappingPath, rule.kind);
         }
@@ -151,6 +156,7 @@ private:
     }
 
     const fs::path versionDirectory;
+    const PackageNames package;
     const std::vector<MappingRule> table;
     const std::vector<MappingRule> everyRule;
     std::vector<fs::path> created;
@@ -224,6 +230,62 @@ bool isMapping(const fs::path& path) {
     } catch (const std::exception&) {
         return false;
     }
+}
+
+namespace {
+
+// No directory between `path` and the root is a symbolic link.
+bool hasNoLinkedDirectory(const fs::path& path) {
+    std::error_code error;
+    return fs::weakly_canonical(path.parent_path(), error) == path.parent_path() && !error;
+}
+
+bool isPlainName(const fs::path& target) {
+    const std::string& text = target.native();
+    return !text.empty() && text.front() != '.' && text.find('/') == std::string::npos;
+}
+
+} // namespace
+
+ListedMapping classifyListedMapping(const fs::path& path, const PackageNames& package,
+                                    const fs::path& packageDirectory) {
+    const auto table = mappingTable(package, true);
+    const auto rule = std::find_if(table.begin(), table.end(), [&](const MappingRule& row) {
+        return isInside(path, fs::path(row.systemPrefix));
+    });
+    if (rule == table.end() || !hasNoLinkedDirectory(path))
+        return ListedMapping::OutOfPlace;
+    std::error_code error;
+    const auto status = fs::symlink_status(path, error);
+    if (fs::is_symlink(status)) {
+        const fs::path target = fs::read_symlink(path, error);
+        const bool ours = isInside(target, packageDirectory) ||
+                          (rule->kind == MappingKind::Copy && isPlainName(target));
+        return ours && !error ? ListedMapping::Mapping : ListedMapping::Overwritten;
+    }
+    if (!fs::is_regular_file(status))
+        return ListedMapping::Overwritten;
+    try {
+        const fs::path source = Common::getExtendedAttribute(path, mappingMarkerAttribute);
+        return isInside(source, packageDirectory) ? ListedMapping::Mapping
+                                                  : ListedMapping::Overwritten;
+    } catch (const std::exception&) {
+        return ListedMapping::Overwritten;
+    }
+}
+
+bool isGeneratedDirectoryOf(const fs::path& directory, const PackageNames& package) {
+    if (!directory.is_absolute() || !hasNoLinkedDirectory(directory))
+        return false;
+    for (const auto& rule : mappingTable(package, false)) {
+        const fs::path system = fs::path(rule.systemPrefix).parent_path();
+        const auto name = directory.filename().string();
+        if (directory == system)
+            return name == package.id || (package.orgName && name == *package.orgName);
+        if (isInside(directory, system) && directory.parent_path() == system)
+            return true;
+    }
+    return false;
 }
 
 void createMapping(const fs::path& source, const fs::path& mappingPath, MappingKind kind) {

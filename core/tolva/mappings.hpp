@@ -48,6 +48,25 @@ std::vector<Common::RemapRule> remapRules(const std::vector<MappingRule>& table)
 // mapping marker; false for anything else, a missing path included.
 bool isMapping(const std::filesystem::path& path);
 
+// What a path that a package's mapping list names turns out to be.
+enum class ListedMapping {
+    Mapping,     // the package's own mapping
+    Overwritten, // in the package's place, but something else stands there now
+    OutOfPlace,  // outside the package's system directories: never touched
+};
+
+// A listed path is the package's mapping when it lies in one of the package's system
+// directories (lib64 twins included) with no linked directory on the way, and is a symbolic
+// link into `packageDirectory` (or, in a copy directory, a library's plain relative link), or a
+// copy whose marker names a file in `packageDirectory`.
+ListedMapping classifyListedMapping(const std::filesystem::path& path, const PackageNames& package,
+                                    const std::filesystem::path& packageDirectory);
+
+// Whether `directory` is one the package may have created in a system place: a mapped system
+// directory named after the package or its organisation, or a directory directly below a mapped
+// system directory, with no linked directory on the way.
+bool isGeneratedDirectoryOf(const std::filesystem::path& directory, const PackageNames& package);
+
 // Creates one mapping at `mappingPath` for the package file `source`: a symbolic link, or a
 // marked copy (a plain relative link, such as a library's version link, is copied as a link).
 // Throws what the file operations throw; a half-made copy is removed first.

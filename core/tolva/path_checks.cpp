@@ -42,4 +42,21 @@ void checkPlacedPath(const std::filesystem::path& placed, const std::filesystem:
                             "package path leaves the package tree: " + printable(original));
 }
 
+bool isInside(const std::filesystem::path& path, const std::filesystem::path& directory) {
+    if (!path.is_absolute() || !directory.is_absolute())
+        return false;
+    auto part = path.begin();
+    for (const auto& expected : directory.lexically_normal()) {
+        if (expected.empty())
+            continue; // a trailing separator
+        if (part == path.end() || *part != expected)
+            return false;
+        ++part;
+    }
+    if (part == path.end())
+        return false;
+    return std::all_of(part, path.end(),
+                       [](const std::filesystem::path& rest) { return isOrdinaryComponent(rest); });
+}
+
 } // namespace Core::Tolva

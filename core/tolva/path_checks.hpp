@@ -18,4 +18,8 @@ void checkPathComponent(const std::string& name, const std::string& what);
 // without control characters.
 void checkPlacedPath(const std::filesystem::path& placed, const std::filesystem::path& original);
 
+// Whether `path`, read lexically, names something strictly below `directory`: both absolute,
+// and `path` without "." or ".." components.
+bool isInside(const std::filesystem::path& path, const std::filesystem::path& directory);
+
 } // namespace Core::Tolva

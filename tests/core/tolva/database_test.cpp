@@ -53,11 +53,13 @@ TEST(DatabaseConfiguration, DefaultsForAMissingOrBadFileAndValuesAsTheyStand) {
         EXPECT_EQ(captureStderr([&] { database.emplace(); }), warning);
         EXPECT_EQ(database->rootDirectory(), "/opt/app");
 
+        // A directory that is no place for the database is refused, and the default taken.
         writeText("/etc/tolva/tolva.conf", "[database]\nroot_directory=/opt/apps\n"
                                            "temp_directory=\n");
-        EXPECT_EQ(captureStderr([&] { database.emplace(); }), "");
+        EXPECT_EQ(captureStderr([&] { database.emplace(); }),
+                  "WARN: ignoring an unsafe directory in config file: database.temp_directory=\"\"\n");
         EXPECT_EQ(database->rootDirectory(), "/opt/apps");
-        EXPECT_EQ(database->tempDirectory(), "");
+        EXPECT_EQ(database->tempDirectory(), "/opt/tolva/tmp");
         EXPECT_EQ(database->versionedDirectoryPath("demo.notes", "1.2.3-1"),
                   "/opt/apps/demo.notes/1.2.3-1");
 
