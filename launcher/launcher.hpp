@@ -7,7 +7,7 @@
 
 namespace Launcher {
 
-inline constexpr const char* stampPath = "/var/lib/tolva/.migration_done";
+inline constexpr const char* stampPath = TOLVA_STAMP_PATH;
 
 // The part of a run that stands inside the launcher's handler.
 using RunBody = std::function<void()>;
