@@ -14,8 +14,8 @@
 
 namespace {
 
-// The migrator's path relative to this program's directory (the build tree lays the two out
-// as the install does).
+// The migrator's path relative to this program's directory: the two stand side by side, in
+// the build tree and when installed.
 constexpr char migratorFromFront[] = TOLVA_MIGRATOR_FROM_FRONT;
 constexpr const char* ownPath = "/proc/self/exe";
 

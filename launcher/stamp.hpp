@@ -6,7 +6,7 @@
 
 namespace Launcher {
 
-inline constexpr const char* stampPath = "/var/lib/tolva/.migration_done";
+inline constexpr const char* stampPath = TOLVA_STAMP_PATH; // one spelling, set by the build
 
 inline constexpr const char* alreadyDoneText =
     "package migration from RPM to Tolva is already done, skipping the migration";

@@ -30,6 +30,14 @@ inline std::string readFile(const std::filesystem::path& path) {
     return content.str();
 }
 
+inline std::vector<std::string> lines(const std::string& text) {
+    std::vector<std::string> result;
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);)
+        result.push_back(line);
+    return result;
+}
+
 // The attribute names of `path` itself (a link is not followed), in the kernel's list order.
 inline std::vector<std::string> attributeNames(const std::filesystem::path& path) {
     std::string names(65536, '\0');

@@ -1,5 +1,6 @@
 #include "tests/support/sandbox.hpp"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdlib>
@@ -13,6 +14,8 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <utility>
+#include <vector>
 
 namespace fs = std::filesystem;
 
@@ -21,6 +24,10 @@ namespace TestSupport {
 namespace {
 
 constexpr std::array overlaidTrees{"/usr", "/etc", "/var", "/opt", "/root"};
+
+// The project's own trees: tests and the demo run binaries and keep fixtures, scratch
+// directories and sanitizer reports there, wherever the checkout lies (under /tmp too).
+constexpr std::array projectTrees{TOLVA_SOURCE_DIR, TOLVA_BINARY_DIR};
 
 [[noreturn]] void fail(const std::string& what) {
     throw std::runtime_error(what + ": " + std::strerror(errno));
@@ -77,6 +84,53 @@ std::string probeSandbox() {
     return reason;
 }
 
+bool isWithin(const fs::path& tree, const fs::path& base) {
+    const auto inside = tree.lexically_relative(base);
+    return !inside.empty() && *inside.begin() != "..";
+}
+
+// An open handle on a directory that stays usable after a mount hides its path.
+class DirectoryHandle {
+public:
+    explicit DirectoryHandle(const fs::path& path)
+        : fd(::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)) {
+        if (fd < 0)
+            fail("open " + path.string());
+    }
+    DirectoryHandle(DirectoryHandle&& other) noexcept : fd(std::exchange(other.fd, -1)) {}
+    DirectoryHandle& operator=(DirectoryHandle&&) = delete;
+    ~DirectoryHandle() {
+        if (fd >= 0)
+            ::close(fd);
+    }
+    std::string procPath() const { return "/proc/self/fd/" + std::to_string(fd); }
+
+private:
+    int fd;
+};
+
+using HeldTrees = std::vector<std::pair<fs::path, DirectoryHandle>>;
+
+// A handle on each project tree, taken before the mounts below hide it; a tree inside another
+// rides along with that one.
+HeldTrees holdProjectTrees() {
+    std::vector<fs::path> trees(projectTrees.begin(), projectTrees.end());
+    std::sort(trees.begin(), trees.end()); // a tree sorts right before the trees inside it
+    HeldTrees held;
+    for (const auto& tree : trees)
+        if (held.empty() || !isWithin(tree, held.back().first))
+            held.emplace_back(tree, DirectoryHandle(tree));
+    return held;
+}
+
+// Binds each held tree back at its own path, over the overlay or fresh tmpfs that now covers it.
+void restoreProjectTrees(const HeldTrees& held) {
+    for (const auto& [tree, handle] : held) {
+        fs::create_directories(tree);
+        mountOrFail(handle.procPath().c_str(), tree, nullptr, MS_BIND | MS_REC, {});
+    }
+}
+
 } // namespace
 
 const std::string& sandboxUnavailableReason() {
@@ -107,6 +161,7 @@ void enterSandbox(const fs::path& scratch) {
     if (::unshare(CLONE_NEWNS))
         fail("unshare(CLONE_NEWNS)");
     mountOrFail(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, {});
+    const auto projectTreesHeld = holdProjectTrees();
     for (const std::string tree : overlaidTrees) {
         const auto upper = scratch / "upper" / tree.substr(1);
         const auto work = scratch / "work" / tree.substr(1);
@@ -120,6 +175,7 @@ void enterSandbox(const fs::path& scratch) {
     const char* run = fs::is_directory("/run/systemd") ? "/run/systemd" : "/run";
     mountOrFail("tmpfs", run, "tmpfs", 0, "mode=755");
     fs::create_directories("/run/systemd/journal");
+    restoreProjectTrees(projectTreesHeld);
 
     // A device keeps its RPM database in the system tree, not under the user's home.
     fs::create_directories("/etc/rpm");

@@ -15,6 +15,7 @@ const std::string& sandboxUnavailableReason();
 // Turns the calling process into a sandboxed one: a private mount namespace with overlays on
 // /usr, /etc, /var, /opt and /root (their upper layers under `scratch`), fresh tmpfs on /tmp
 // and /run/systemd (with journal/ inside), RPM's database at /var/lib/rpm and HOME=/root.
+// The project's source and build trees stay the host's own, at their paths, wherever they lie.
 // There is no way back. The process must have one thread. Throws std::runtime_error.
 void enterSandbox(const std::filesystem::path& scratch);
 

@@ -13,14 +13,6 @@ using enum MappingKind;
 
 namespace {
 
-std::vector<std::string> lines(const std::string& text) {
-    std::vector<std::string> result;
-    std::istringstream stream(text);
-    for (std::string line; std::getline(stream, line);)
-        result.push_back(line);
-    return result;
-}
-
 std::vector<std::string> sorted(std::vector<std::string> values) {
     std::sort(values.begin(), values.end());
     return values;
