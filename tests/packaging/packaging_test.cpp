@@ -55,6 +55,7 @@ TEST(Packaging, TheRpmInstallsTheLauncherWhereItsUnitStartsIt) {
         const std::set<std::string> expected = {
             "/usr/bin/pkgsig",
             "/usr/libexec/tolva-migrate",
+            "/usr/libexec/tolva-migrate-run",
             unitPath.string(),
             wantsLink.string(),
             "/usr/share/man/man1/pkgsig.1.gz",
