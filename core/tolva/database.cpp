@@ -79,6 +79,15 @@ fs::path Database::versionedDirectoryPath(const std::string& id, const std::stri
 }
 
 PackageData Database::readPackageDataFile(const fs::path& file) {
+    PackageData data = readPackageDataEntries(file);
+    for (const char* required :
+         {"general.id", "general.version", "certificate.subgroup", "certificate.id"})
+        if (!data.contains(required))
+            corrupted(std::string("package doesn't contains required key: ") + required);
+    return data;
+}
+
+PackageData Database::readPackageDataEntries(const fs::path& file) {
     if (isAbsent(file))
         corrupted("velmor.pkg doesn't exist: " + file.string());
     pt::ptree tree;
@@ -91,10 +100,6 @@ PackageData Database::readPackageDataFile(const fs::path& file) {
     for (const auto& [section, keys] : tree)
         for (const auto& [key, value] : keys)
             data.emplace(section + "." + key, value.data());
-    for (const char* required :
-         {"general.id", "general.version", "certificate.subgroup", "certificate.id"})
-        if (!data.contains(required))
-            corrupted(std::string("package doesn't contains required key: ") + required);
     return data;
 }
 
