@@ -51,6 +51,10 @@ std::optional<fs::path> linkedVersion(const fs::path& packageDirectory, const ch
         return std::nullopt;
     if (target.is_relative())
         target = packageDirectory / target;
+    // Folded by the path alone; what is followed afterwards is the folded path, not the link.
+    target = target.lexically_normal();
+    if (!target.has_filename())
+        target = target.parent_path();
     if (!isInside(target, packageDirectory) || target.parent_path() != packageDirectory ||
         fs::is_symlink(fs::symlink_status(target, error)))
         return std::nullopt;
@@ -174,6 +178,15 @@ fs::path Database::versionedDirectoryPath(const std::string& id, const std::stri
 }
 
 PackageData Database::readPackageDataFile(const fs::path& file) {
+    PackageData data = readPackageDataEntries(file);
+    for (const char* required :
+         {"general.id", "general.version", "certificate.subgroup", "certificate.id"})
+        if (!data.contains(required))
+            corrupted(std::string("package doesn't contains required key: ") + required);
+    return data;
+}
+
+PackageData Database::readPackageDataEntries(const fs::path& file) {
     if (isAbsent(file))
         corrupted("velmor.pkg doesn't exist: " + file.string());
     std::optional<std::string> text;
@@ -197,10 +210,6 @@ PackageData Database::readPackageDataFile(const fs::path& file) {
     for (const auto& [section, keys] : tree)
         for (const auto& [key, value] : keys)
             data.emplace(section + "." + key, value.data());
-    for (const char* required :
-         {"general.id", "general.version", "certificate.subgroup", "certificate.id"})
-        if (!data.contains(required))
-            corrupted(std::string("package doesn't contains required key: ") + required);
     return data;
 }
 

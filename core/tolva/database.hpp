@@ -47,6 +47,8 @@ public:
     // Every key of every section of a velmor.pkg; throws Common::Error when it is missing,
     // malformed or lacks a required key.
     static PackageData readPackageDataFile(const std::filesystem::path& file);
+    // The same without the check of the required keys.
+    static PackageData readPackageDataEntries(const std::filesystem::path& file);
 
     // Writes velmor.pkg into `directory`: the package's own keys, then `extra` in key order.
     // The manifest names are written only when the package has both.
@@ -94,6 +96,26 @@ public:
     void cleanUpCorruptedPackage(const std::filesystem::path& packageDirectory) const;
     static void removePackageMappings(const std::filesystem::path& versionDirectory);
     static void removeGeneratedDirectories(const std::filesystem::path& versionDirectory);
+
+    // rootDirectory / the id with any root part dropped. Throws Common::Error: BadPackage for
+    // an id that is no directory name, PackageNotExist when there is no such directory, and
+    // CorruptedInstalledPackage, after removing the package, when it has no "current".
+    std::filesystem::path packageDirectory(const std::string& id) const;
+    // Throws when `package` may not be prepared as an upgrade of the installed one:
+    // DowngradeAttempt, or UpgradeAlreadyPrepared when as new a version is prepared already.
+    // A prepared upgrade whose version cannot be parsed is removed first.
+    void checkUpgrade(const Package& package) const;
+    // Makes the prepared "next" version current: the installed version's mappings and
+    // generated directories go, "next" replaces "current", the new version is mapped and every
+    // other version removed. Throws when nothing is prepared, when the switch fails, and when
+    // the new mappings fail (the package is then left without "current").
+    void completeUpgrade(const Package& package) const;
+    // Removes the package's mappings, its generated directories and its package directory.
+    void removePackage(const std::string& id) const;
+    // The start-up pass: completes the metadata that a package version lacks, repairs the
+    // database (installedPackages), completes every prepared upgrade and removes outdated
+    // versions. Every failure is logged and the pass goes on.
+    void startUpPass() const;
 
 private:
     std::filesystem::path preparedRecordPath() const;

@@ -98,9 +98,11 @@ void Package::extractLink(const fs::path& root, const fs::path& linkRoot,
         fs::path target = entry.target;
         if (text.empty() || text.front() == '.')
             target = entry.path.parent_path() / entry.target;
-        // Dots are folded by the path alone: nothing on this system is consulted.
+        // Dots are folded by the path alone: nothing on this system is consulted. A hard
+        // link needs its data-carrying file, which this extraction has just written below
+        // `root`; a symbolic link points where the tree is going to live.
         if (target.is_absolute())
-            target = linkRoot / placedPath(target.lexically_normal());
+            target = (symlink ? linkRoot : root) / placedPath(target.lexically_normal());
         fs::create_directories(link.parent_path());
         if (symlink)
             fs::create_symlink(target, link);

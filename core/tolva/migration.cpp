@@ -11,8 +11,8 @@
 #include "common/log.hpp"
 #include "core/tolva/database.hpp"
 #include "core/tolva/list_file.hpp"
+#include "core/tolva/package_metadata.hpp"
 #include "core/tolva/path_checks.hpp"
-#include "platform/app_manifest/manifest_entry.hpp"
 
 #include <algorithm>
 #include <fstream>
@@ -36,8 +36,6 @@ namespace {
 // name (see prepareInstalledPackage).
 constexpr const char* preparedRecordName = ".migration.prepared";
 
-constexpr int developerCertificateGroup = 1;
-
 bool contains(const std::vector<std::string>& ids, const std::string& id) {
     return std::find(ids.begin(), ids.end(), id) != ids.end();
 }
@@ -58,48 +56,13 @@ void removeQuietly(const fs::path& path) {
 PreparedPackage preparedFromTree(const std::string& id, const fs::path& versionDirectory,
                                  const fs::path& tree) {
     const auto data = Database::readPackageDataFile(versionDirectory / packageDataFileName);
-    const auto value = [&](const char* key, const char* what) -> std::optional<std::string> {
-        const auto found = data.find(key);
-        if (found == data.end())
-            return std::nullopt;
-        checkPathComponent(found->second, what);
-        return found->second;
-    };
     if (data.at("general.id") != id)
         throw Error(ErrorCode::BadPackageID,
                     "prepared package is not " + id + ": " + versionDirectory.string());
-    return {Package(id, *value("general.version", "package version"), {},
-                    value("general.orgname", "organization name"),
-                    value("general.appname", "application name")),
+    return {packageFromData(data),
             {{"certificate.subgroup", data.at("certificate.subgroup")},
              {"certificate.id", data.at("certificate.id")}},
             tree};
-}
-
-// The package's own directories in system places, by the mapping table: a mapped system
-// directory itself when it is named after the package or its organisation, and any directory
-// directly below a mapped system directory.
-std::vector<fs::path> generatedDirectories(const Package& package) {
-    const auto table = mappingTable(package, false);
-    std::vector<fs::path> generated;
-    for (const auto& entry : package.files()) {
-        if (entry.type != EntryType::Directory)
-            continue;
-        for (const auto& rule : table) {
-            const fs::path prefix = fs::path(rule.systemPrefix).parent_path();
-            if (entry.path == prefix) {
-                const auto name = entry.path.filename().string();
-                if (name == package.id() || (package.orgName() && name == *package.orgName()))
-                    generated.push_back(entry.path);
-                break;
-            }
-            if (entry.path.parent_path() == prefix) {
-                generated.push_back(entry.path);
-                break;
-            }
-        }
-    }
-    return generated;
 }
 
 // Copies the installed files of one package into its tree. The further names of a hard-link
@@ -170,22 +133,6 @@ std::vector<Common::Rpm::FileIterator::Entry> fileList(const Common::Rpm::Reader
         return IterationResult::Continue;
     });
     return files;
-}
-
-// The organisation and application names of the installed manifest; an empty one is absent.
-std::pair<std::optional<std::string>, std::optional<std::string>>
-installedManifestNames(const std::string& id) {
-    const fs::path path = "/usr/share/applications/" + id + ".desktop";
-    std::error_code error;
-    if (!fs::is_regular_file(path, error)) // a FIFO there must not block the run
-        return {};
-    const auto manifest = AppManifest::ManifestEntry::fromFilename(path);
-    if (!manifest)
-        return {};
-    const auto nonEmpty = [](std::string name) {
-        return name.empty() ? std::nullopt : std::optional(std::move(name));
-    };
-    return {nonEmpty(manifest->appOrgname()), nonEmpty(manifest->appName())};
 }
 
 } // namespace
@@ -306,8 +253,7 @@ Database::preparePackagesForMigration(Common::Rpm::Transaction& transaction) con
             }
             prepared.push_back(std::move(*package));
         } catch (const std::exception& error) {
-            Common::logError("couldn't extract a package information required for migration");
-            LogLine(LogLevel::Error) << error;
+            logPackageInformationFailure(error);
         }
         return IterationResult::Continue;
     });
@@ -322,12 +268,8 @@ Database::prepareInstalledPackage(const Common::Rpm::Reader& reader,
     const std::string id = reader.stringTag(RPMTAG_NAME);
     const std::string version =
         reader.stringTag(RPMTAG_VERSION) + "-" + reader.stringTag(RPMTAG_RELEASE);
-    const auto certificate = signatures.packageCertificateWithGroup(id, developerCertificateGroup);
-    if (!certificate) {
-        Common::logWarning("package " + id + " doesn't have developer certificate");
-        return std::nullopt;
-    }
-    if (certificate->isSystemDeveloperCertificate())
+    auto certificate = developerCertificateData(signatures, id);
+    if (!certificate)
         return std::nullopt;
     checkPathComponent(id, "package id");
     checkPathComponent(version, "package version");
@@ -353,16 +295,10 @@ Database::prepareInstalledPackage(const Common::Rpm::Reader& reader,
     if (appName)
         checkPathComponent(*appName, "application name");
     PreparedPackage package{
-        Package(id, version, fileList(reader), orgName, appName),
-        {{"certificate.subgroup", PackageSignatures::subgroupToString(certificate->subgroup())},
-         {"certificate.id", certificate->keyId()}},
-        {}};
+        Package(id, version, fileList(reader), orgName, appName), std::move(*certificate), {}};
     package.tree = copyPackageFilesToTempDirectory(package.package);
     try {
-        writeListFile(package.tree / generatedDirectoryListName,
-                      generatedDirectories(package.package),
-                      "couldn't open file to store generated directory list",
-                      "couldn't write line to generated directory list");
+        writeGeneratedDirectoryList(package.package, package.tree);
         writePackageDataFile(package.package, package.certificate, package.tree);
     } catch (...) {
         removeQuietly(package.tree);

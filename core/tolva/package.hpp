@@ -65,7 +65,7 @@ public:
     void extractRegularFile(const std::filesystem::path& root,
                             const Common::Rpm::ExtractFileIterator::Entry& entry) const;
     // Recreates a symbolic link (its text kept when it is plainly relative, otherwise placed
-    // against `linkRoot`) or a hard link to the placed data-carrying file below `linkRoot`.
+    // against `linkRoot`) or a hard link to the placed data-carrying file below `root`.
     void extractLink(const std::filesystem::path& root, const std::filesystem::path& linkRoot,
                      const Common::Rpm::FileIterator::Entry& entry) const;
 

@@ -54,6 +54,7 @@ TEST(Packaging, TheRpmInstallsTheLauncherWhereItsUnitStartsIt) {
         const fs::path stampDirectory = fs::path(Launcher::stampPath).parent_path();
         const std::set<std::string> expected = {
             "/usr/bin/pkgsig",
+            "/usr/bin/tolva-pkg",
             "/usr/libexec/tolva-migrate",
             "/usr/libexec/tolva-migrate-run",
             unitPath.string(),

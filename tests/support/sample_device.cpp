@@ -87,6 +87,25 @@ void check(const ProcessResult& result, const std::string& what) {
         throw std::runtime_error(what + " failed: " + result.err);
 }
 
+// Copies the package built from `package` to app.file and signs it as the app says.
+void buildApp(const FixturePackage& package, const SampleApp& app) {
+    const auto& pki = TestPki::shared();
+    fs::create_directories(app.file.parent_path());
+    fs::copy_file(buildPackage(package), app.file, fs::copy_options::overwrite_existing);
+    if (app.signer.empty())
+        return;
+    std::vector<std::string> sign = {"sign",
+                                     app.file.string(),
+                                     "--developer-key",
+                                     pki.key(app.signer).string(),
+                                     "--developer-cert",
+                                     pki.certificate(app.signer).string()};
+    if (!app.client.empty())
+        sign.insert(sign.end(), {"--client-key", pki.key(app.client).string(), "--client-cert",
+                                 pki.certificate(app.client).string()});
+    check(pkgsig(sign), "signing " + app.name);
+}
+
 } // namespace
 
 std::vector<SampleApp> buildSampleApps(const fs::path& directory) {
@@ -96,26 +115,24 @@ std::vector<SampleApp> buildSampleApps(const fs::path& directory) {
                                    {"loose-tool", "", "", {}}};
     const FixturePackage packages[] = {harborNotes(), quietClock(), platformSettings(),
                                        looseTool()};
-    const auto& pki = TestPki::shared();
-    fs::create_directories(directory);
     for (std::size_t i = 0; i < apps.size(); ++i) {
-        auto& app = apps[i];
-        app.file = directory / (app.name + ".rpm");
-        fs::copy_file(buildPackage(packages[i]), app.file, fs::copy_options::overwrite_existing);
-        if (app.signer.empty())
-            continue;
-        std::vector<std::string> sign = {"sign",
-                                         app.file.string(),
-                                         "--developer-key",
-                                         pki.key(app.signer).string(),
-                                         "--developer-cert",
-                                         pki.certificate(app.signer).string()};
-        if (!app.client.empty())
-            sign.insert(sign.end(), {"--client-key", pki.key(app.client).string(), "--client-cert",
-                                     pki.certificate(app.client).string()});
-        check(pkgsig(sign), "signing " + app.name);
+        apps[i].file = directory / (apps[i].name + ".rpm");
+        buildApp(packages[i], apps[i]);
     }
     return apps;
+}
+
+SampleApp buildHarborNotesUpgrade(const fs::path& directory) {
+    FixturePackage package = harborNotes();
+    package.version = "1.3.0";
+    std::erase_if(package.files, [](const FixtureFile& file) {
+        return file.path == "/usr/share/icons/hicolor/128x128/apps/harbor-notes.png";
+    });
+    package.files.push_back(file("/usr/bin/harbor-notes-sync", "#!/bin/sh\necho sync 1.3\n", 0755));
+    const SampleApp app{"harbor-notes", "developer", "client",
+                        directory / "harbor-notes-1.3.0.rpm"};
+    buildApp(package, app);
+    return app;
 }
 
 void installSampleDevice(const std::vector<SampleApp>& apps) {

@@ -26,6 +26,10 @@ struct SampleApp {
 //   loose-tool 1.0-1      unsigned
 std::vector<SampleApp> buildSampleApps(const std::filesystem::path& directory);
 
+// harbor-notes 1.3.0-1, signed like 1.2.3-1, in `directory`: its 128x128 icon is gone, a
+// command /usr/bin/harbor-notes-sync is new, everything else is as in 1.2.3-1.
+SampleApp buildHarborNotesUpgrade(const std::filesystem::path& directory);
+
 // Inside a sandbox: makes the test PKI's CA the platform's package authority, installs the
 // packages with rpm and records the signed ones' certificates in the device's signature
 // database with pkgsig. Throws std::runtime_error.

@@ -1,9 +1,9 @@
 // pkgsig: signs packages and manages the device's package signature database.
 
 #include "platform/package_signatures/database.hpp"
+#include "tools/common/tool_main.hpp"
 #include "tools/pkgsig/commands.hpp"
 
-#include <cstdlib>
 #include <iostream>
 #include <map>
 #include <set>
@@ -66,9 +66,7 @@ Exit status: 0 on success, 1 when the command fails (a one-line reason on standa
 2 when the command line is wrong.
 )";
 
-struct UsageError : std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
+using Tools::UsageError;
 
 struct CommandLine {
     std::string command;
@@ -172,35 +170,9 @@ void run(const CommandLine& line) {
     }
 }
 
-// Error texts may quote file contents; keep the report on one line.
-std::string oneLine(std::string text) {
-    for (char& c : text)
-        if (c == '\n' || c == '\r')
-            c = ' ';
-    return text;
-}
-
 } // namespace
 
 int main(int argc, char** argv) {
-    const std::vector<std::string> arguments(argv + 1, argv + argc);
-    for (const auto& argument : arguments)
-        if (argument == "--help" || argument == "-h" || argument == "help") {
-            std::cout << helpText;
-            return 0;
-        }
-    if (arguments.empty()) {
-        std::cerr << "pkgsig: no command given (see pkgsig --help)\n";
-        return 2;
-    }
-    try {
-        run(parse(arguments));
-        return 0;
-    } catch (const UsageError& error) {
-        std::cerr << "pkgsig: " << oneLine(error.what()) << " (see pkgsig --help)\n";
-        return 2;
-    } catch (const std::exception& error) {
-        std::cerr << "pkgsig: " << oneLine(error.what()) << "\n";
-        return 1;
-    }
+    return Tools::runTool("pkgsig", helpText, argc, argv,
+                          [](const auto& arguments) { run(parse(arguments)); });
 }

@@ -58,7 +58,6 @@ TEST(Extraction, EveryEntryAtItsPlaceWithModesSignaturesAndLinks) {
         fs::create_directories("/etc/keys/packages");
         fs::copy_file(TestSupport::TestPki::shared().certificate("ca"), Core::Tolva::packageCaPath);
         const auto package = Package::fromPath(file);
-        // Unpacked in place: hard links need their data-carrying file below the link root.
         const fs::path root = "/opt/app/tool/1.0-1";
         const fs::path& linkRoot = root;
         EXPECT_EQ(captureStderr([&] { package.extract(root, linkRoot); }), "");

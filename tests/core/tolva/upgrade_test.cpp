@@ -1,0 +1,344 @@
+// Upgrades, removal and the start-up pass over real package trees in the sandbox, with their
+// mappings in the real system directories.
+
+#include "core/tolva/database.hpp"
+#include "platform/package_signatures/database.hpp"
+#include "tests/support/file_checks.hpp"
+#include "tests/support/journal_capture.hpp"
+#include "tests/support/sandboxed_test.hpp"
+#include "tests/support/test_pki.hpp"
+
+#include <algorithm>
+#include <gtest/gtest.h>
+#include <set>
+#include <sys/mount.h>
+
+namespace fs = std::filesystem;
+using Common::ErrorCode;
+using Core::Tolva::Database;
+using Core::Tolva::Package;
+using TestSupport::captureStderr;
+using TestSupport::errorOf;
+using TestSupport::readFile;
+using TestSupport::writeFile;
+
+namespace {
+
+const fs::path demo = "/opt/app/demo";
+
+Package package(const std::string& version, const std::string& id = "demo") {
+    return Package(id, version, {}, std::nullopt, std::nullopt);
+}
+
+// root/id/version holding `files` (path below the version directory: content), velmor.pkg and
+// a generated directory list naming /usr/share/<id>.
+fs::path makeVersion(const std::string& version, const std::map<std::string, std::string>& files,
+                     const std::string& id = "demo") {
+    const fs::path directory = fs::path("/opt/app") / id / version;
+    for (const auto& [path, content] : files)
+        writeFile(directory / path, content);
+    fs::create_directories(directory);
+    Database::writePackageDataFile(package(version, id),
+                                   {{"certificate.id", "k"}, {"certificate.subgroup", "regular"}},
+                                   directory);
+    writeFile(directory / "generated.dir.list", "/usr/share/" + id + "\n");
+    return directory;
+}
+
+// Version 1.0-1 installed and mapped: /usr/bin/demo and /usr/share/demo/old.txt.
+void installFirstVersion(const std::string& id = "demo") {
+    const auto version = makeVersion("1.0-1", {{"bin/" + id, "v1"}, {"data/old.txt", "old"}}, id);
+    fs::create_directory_symlink(version, version.parent_path() / "current");
+    Core::Tolva::createMappings(version, package("1.0-1", id));
+}
+
+// Version 2.0-1 prepared as "next": /usr/bin/demo and /usr/share/demo/new.txt.
+void prepareSecondVersion(const std::string& id = "demo") {
+    const auto version = makeVersion("2.0-1", {{"bin/" + id, "v2"}, {"data/new.txt", "new"}}, id);
+    fs::create_directory_symlink(version, version.parent_path() / "next");
+}
+
+std::set<std::string> entries(const fs::path& directory) {
+    std::set<std::string> names;
+    for (const auto& entry : fs::directory_iterator(directory))
+        names.insert(entry.path().filename());
+    return names;
+}
+
+bool present(const fs::path& path) {
+    return fs::exists(fs::symlink_status(path));
+}
+
+// A database over the default root; the missing configuration's warning is not the subject.
+Database database() {
+    fs::remove("/etc/tolva/tolva.conf");
+    std::optional<Database> made;
+    captureStderr([&] { made.emplace(); });
+    return *made;
+}
+
+void mountReadOnly(const fs::path& directory) {
+    if (::mount(directory.c_str(), directory.c_str(), nullptr, MS_BIND, nullptr) != 0 ||
+        ::mount(nullptr, directory.c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr) !=
+            0)
+        throw std::runtime_error("read-only bind mount of " + directory.string());
+}
+
+} // namespace
+
+TEST(Upgrade, PackageDirectory) {
+    SANDBOXED([] {
+        const auto db = database();
+        installFirstVersion();
+        EXPECT_EQ(db.packageDirectory("demo"), demo);
+        EXPECT_EQ(db.packageDirectory("/demo"), demo);
+        EXPECT_EQ(errorOf([&] { db.packageDirectory("absent"); }, ErrorCode::PackageNotExist),
+                  "couldn't find package directory: absent");
+        // Ids that would name the root itself or leave it.
+        for (const std::string id : {"", "/", "..", "/../etc", "demo/current"})
+            errorOf([&] { db.packageDirectory(id); }, ErrorCode::BadPackage);
+
+        fs::create_directories("/opt/app/headless/1.0-1");
+        std::string message;
+        const auto log = captureStderr([&] {
+            message = errorOf([&] { db.packageDirectory("headless"); },
+                              ErrorCode::CorruptedInstalledPackage);
+        });
+        EXPECT_EQ(message, "couldn't find current directory of headless package");
+        EXPECT_EQ(log, "INFO: cleaning up corrupted package directory: \"/opt/app/headless\"\n");
+        EXPECT_FALSE(fs::exists("/opt/app/headless"));
+    });
+}
+
+TEST(Upgrade, CheckUpgrade) {
+    SANDBOXED([] {
+        const auto db = database();
+        installFirstVersion();
+        EXPECT_NO_THROW(db.checkUpgrade(package("1.0-1")));
+        EXPECT_NO_THROW(db.checkUpgrade(package("1.0-2")));
+        EXPECT_EQ(errorOf([&] { db.checkUpgrade(package("0.9-7")); }, ErrorCode::DowngradeAttempt),
+                  "attempt to downgrade package from 1.0-1 to 0.9-7 version");
+
+        // A prepared upgrade is the measure; the installed version is not consulted.
+        prepareSecondVersion();
+        for (const char* version : {"2.0-1", "0.9-7"})
+            EXPECT_EQ(errorOf([&] { db.checkUpgrade(package(version)); },
+                              ErrorCode::UpgradeAlreadyPrepared),
+                      "package upgrade to version " + std::string(version) + " already prepared");
+        EXPECT_NO_THROW(db.checkUpgrade(package("2.0-2")));
+
+        // A prepared version that librpm cannot parse (an empty name) is removed, then the
+        // installed version decides.
+        fs::remove(demo / "next");
+        fs::create_directory_symlink(demo / "2.0-1/", demo / "next");
+        std::string message;
+        auto log = captureStderr([&] {
+            message =
+                errorOf([&] { db.checkUpgrade(package("0.9-7")); }, ErrorCode::DowngradeAttempt);
+        });
+        EXPECT_EQ(log, "WARN: corrupted package upgrade found: \"/opt/app/demo/2.0-1/\"\n"
+                       "INFO: cleaning up corrupted package upgrade\n");
+        EXPECT_FALSE(present(demo / "next"));
+        EXPECT_FALSE(present(demo / "2.0-1"));
+        EXPECT_TRUE(fs::exists(demo / "1.0-1/velmor.pkg"));
+
+        // Only a version of the package itself goes with a corrupted link.
+        fs::create_directories("/opt/elsewhere");
+        fs::create_directory_symlink("/opt/elsewhere/", demo / "next");
+        log = captureStderr([&] { db.checkUpgrade(package("1.0-1")); });
+        EXPECT_FALSE(present(demo / "next"));
+        EXPECT_TRUE(fs::exists("/opt/elsewhere"));
+
+        // An installed version that cannot be parsed takes the package with it.
+        fs::remove(demo / "current");
+        fs::create_directory_symlink(demo / "1.0-1/", demo / "current");
+        log = captureStderr([&] {
+            message = errorOf([&] { db.checkUpgrade(package("1.0-1")); },
+                              ErrorCode::CorruptedInstalledPackage);
+        });
+        EXPECT_EQ(message, "couldn't parse actual package version: ");
+        EXPECT_FALSE(fs::exists(demo));
+        EXPECT_FALSE(present("/usr/bin/demo"));
+    });
+}
+
+TEST(Upgrade, CompletingSwitchesVersionsAndMappings) {
+    SANDBOXED([] {
+        const auto db = database();
+        installFirstVersion();
+        prepareSecondVersion();
+        makeVersion("0.5-1", {});
+        writeFile(demo / "stray", "x");
+        writeFile("/usr/share/demo-other/keep", "unrelated");
+
+        EXPECT_EQ(captureStderr([&] { db.completeUpgrade(package("2.0-1")); }), "");
+        EXPECT_EQ(entries(demo), (std::set<std::string>{"current", "2.0-1"}));
+        EXPECT_EQ(fs::read_symlink(demo / "current"), demo / "2.0-1");
+        EXPECT_EQ(readFile("/usr/bin/demo"), "v2");
+        EXPECT_EQ(readFile("/usr/share/demo/new.txt"), "new");
+        EXPECT_FALSE(present("/usr/share/demo/old.txt"));
+        EXPECT_EQ(readFile("/usr/share/demo-other/keep"), "unrelated");
+        EXPECT_EQ(readFile(demo / "current/symlink.list"),
+                  "/usr/bin/demo\n/usr/share/demo/new.txt\n");
+    });
+}
+
+TEST(Upgrade, CompletingWithoutAPreparedUpgrade) {
+    SANDBOXED([] {
+        const auto db = database();
+        installFirstVersion();
+        const std::string refusal = "attempt to complete non-existent update for demo package";
+        // "next" absent, a plain directory, a link whose version is gone: nothing is switched,
+        // and what stood as "next" is gone.
+        for (const auto& makeNext : std::vector<std::function<void()>>{
+                 [] {},
+                 [] { writeFile(demo / "next/velmor.pkg", "[general]\n"); },
+                 [] { fs::create_directory_symlink(demo / "2.0-1", demo / "next"); },
+             }) {
+            makeNext();
+            std::string log;
+            const auto message =
+                errorOf([&] { log = captureStderr([&] { db.completeUpgrade(package("2.0-1")); }); },
+                        ErrorCode::Internal);
+            EXPECT_EQ(message, refusal);
+            EXPECT_EQ(log, "");
+            EXPECT_EQ(entries(demo), (std::set<std::string>{"current", "1.0-1"}));
+            EXPECT_EQ(readFile("/usr/bin/demo"), "v1");
+            EXPECT_EQ(readFile("/usr/share/demo/old.txt"), "old");
+        }
+    });
+}
+
+TEST(Upgrade, AFailedSwitchKeepsBothVersions) {
+    SANDBOXED([] {
+        const auto db = database();
+        installFirstVersion();
+        prepareSecondVersion();
+        mountReadOnly(demo);
+        std::string message;
+        const auto log = captureStderr(
+            [&] { message = errorOf([&] { db.completeUpgrade(package("2.0-1")); }); });
+        EXPECT_EQ(message, "couldn't rename next directory to current for demo package");
+        EXPECT_NE(log.find("Read-only file system"), std::string::npos) << log;
+        EXPECT_EQ(fs::read_symlink(demo / "current"), demo / "1.0-1");
+        EXPECT_EQ(fs::read_symlink(demo / "next"), demo / "2.0-1");
+    });
+}
+
+TEST(Upgrade, AMappingFailureLeavesNoCurrentUntilTheNextStartRemovesThePackage) {
+    SANDBOXED([] {
+        const auto db = database();
+        installFirstVersion();
+        prepareSecondVersion();
+        writeFile(demo / "2.0-1/manifest/demo.desktop", "[Desktop Entry]\n");
+        writeFile("/usr/share/applications/demo.desktop", "a system file");
+
+        std::string message;
+        auto log = captureStderr(
+            [&] { message = errorOf([&] { db.completeUpgrade(package("2.0-1")); }); });
+        EXPECT_EQ(message, "couldn't create mappings");
+        EXPECT_NE(log.find("ERROR: attempt to override system file with package mapping: "
+                           "/usr/share/applications/demo.desktop\n"),
+                  std::string::npos)
+            << log;
+        EXPECT_FALSE(present(demo / "current"));
+        EXPECT_FALSE(present(demo / "next"));
+        EXPECT_FALSE(present("/usr/bin/demo"));
+        EXPECT_FALSE(present("/usr/share/demo/old.txt"));
+        EXPECT_FALSE(present("/usr/share/demo/new.txt"));
+
+        log = captureStderr([&] { db.startUpPass(); });
+        EXPECT_NE(log.find("INFO: cleaning up corrupted package directory: \"/opt/app/demo\"\n"),
+                  std::string::npos)
+            << log;
+        EXPECT_FALSE(fs::exists(demo));
+        EXPECT_EQ(readFile("/usr/share/applications/demo.desktop"), "a system file");
+    });
+}
+
+TEST(Upgrade, RemovePackage) {
+    SANDBOXED([] {
+        const auto db = database();
+        installFirstVersion();
+        installFirstVersion("other");
+        writeFile("/usr/share/demo/data-of-the-app", "made at run time");
+        EXPECT_EQ(captureStderr([&] { db.removePackage("/demo"); }), "");
+        EXPECT_FALSE(fs::exists(demo));
+        EXPECT_FALSE(present("/usr/bin/demo"));
+        EXPECT_FALSE(present("/usr/share/demo"));
+        EXPECT_EQ(readFile("/usr/bin/other"), "v1");
+        EXPECT_EQ(readFile("/usr/share/other/old.txt"), "old");
+
+        // A missing mapping list is reported; the generated directories and the package go.
+        fs::remove("/opt/app/other/1.0-1/symlink.list");
+        const auto log = captureStderr([&] { db.removePackage("other"); });
+        EXPECT_EQ(log, "WARN: couldn't remove package mappings: other\n"
+                       "WARN: couldn't find package symlink list\n");
+        EXPECT_FALSE(fs::exists("/opt/app/other"));
+        EXPECT_FALSE(present("/usr/share/other"));
+    });
+}
+
+TEST(StartUpPass, CompletesUpgradesRemovesOutdatedVersionsAndCompletesMetadata) {
+    SANDBOXED([] {
+        fs::remove_all("/opt/app");
+        const auto db = database();
+        EXPECT_EQ(captureStderr([&] { db.startUpPass(); }),
+                  "INFO: database root directory doesn't exist\n");
+
+        installFirstVersion();
+        prepareSecondVersion();
+        installFirstVersion("old");
+        makeVersion("0.5-1", {}, "old");
+        installFirstVersion("stuck");
+        prepareSecondVersion("stuck");
+        mountReadOnly("/opt/app/stuck");
+        // Versions whose metadata lacks the certificate, and the names, which the device knows.
+        const auto& pki = TestSupport::TestPki::shared();
+        const auto certificate =
+            *PackageSignatures::Certificate::fromPem(readFile(pki.certificate("developer")));
+        PackageSignatures::Database(PackageSignatures::Database::defaultPath)
+            .setPackageCertificate("known", PackageSignatures::DeveloperGroup, certificate);
+        writeFile("/usr/share/applications/known.desktop",
+                  "[Desktop Entry]\nName=K\n[X-Tolva-Application]\nOrganizationName=org.known\n"
+                  "ApplicationName=Known\n");
+        for (const char* id : {"known", "unknown"}) {
+            const fs::path version = fs::path("/opt/app") / id / "1-1";
+            writeFile(version / "velmor.pkg",
+                      "[general]\nid=" + std::string(id) + "\nversion=1-1\n[extra]\nkept=yes\n");
+            fs::create_directory_symlink(version, version.parent_path() / "current");
+        }
+
+        TestSupport::JournalCapture journal;
+        const auto log = captureStderr([&] { db.startUpPass(); });
+        for (const char* line :
+             {"INFO: package demo successfully upgraded\n",
+              "ERROR: couldn't rename next symlink to the current: \"/opt/app/stuck/next\"\n",
+              "WARN: package unknown doesn't have developer certificate\n",
+              "WARN: corrupted package directory found: \"/opt/app/unknown\"\n"})
+            EXPECT_NE(log.find(line), std::string::npos) << line << log;
+        EXPECT_EQ(log.find("successfully upgraded"), log.rfind("successfully upgraded")) << log;
+
+        EXPECT_EQ(entries(demo), (std::set<std::string>{"current", "2.0-1"}));
+        EXPECT_EQ(readFile("/usr/bin/demo"), "v2");
+        EXPECT_FALSE(present("/usr/share/demo/old.txt"));
+        std::vector<std::map<std::string, std::string>> upgrades;
+        while (journal.pending())
+            if (auto entry = journal.receive(); entry["TOLVA_EVENT_CODE"] == "13")
+                upgrades.push_back(entry);
+        ASSERT_EQ(upgrades.size(), 1u);
+        EXPECT_EQ(upgrades[0]["MESSAGE"], "package demo successfully upgraded");
+        EXPECT_EQ(upgrades[0]["PRIORITY"], "6");
+
+        EXPECT_EQ(entries("/opt/app/old"), (std::set<std::string>{"current", "1.0-1"}));
+        EXPECT_EQ(entries("/opt/app/stuck"),
+                  (std::set<std::string>{"current", "next", "1.0-1", "2.0-1"}));
+
+        EXPECT_EQ(readFile("/opt/app/known/current/velmor.pkg"),
+                  "[general]\nappname=Known\nid=known\norgname=org.known\nversion=1-1\n"
+                  "[certificate]\nid=" +
+                      certificate.keyId() + "\nsubgroup=regular\n[extra]\nkept=yes\n");
+        EXPECT_EQ(entries("/opt/app/known/1-1"), std::set<std::string>{"velmor.pkg"});
+        EXPECT_FALSE(fs::exists("/opt/app/unknown"));
+    });
+}
