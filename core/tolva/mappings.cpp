@@ -32,8 +32,8 @@ bool copyLink(const fs::path& source, const fs::path& mappingPath) {
         return true;
     } catch (const std::exception& error) {
         LogLine(LogLevel::Warning)
-            << "Coulnd't create copy of symlink during mappings generation: " << source;
-        LogLine(LogLevel::Warning) << error;
+            << "Coulnd't create copy of symlink during mappings generation: " << source << ": "
+            << error;
         Common::logInfo("Trying to copy content of the symlink target");
         return false;
     }
@@ -47,8 +47,8 @@ void createMarkedCopy(const fs::path& source, const fs::path& mappingPath) {
         try {
             fs::remove(mappingPath);
         } catch (const std::exception& error) {
-            LogLine(LogLevel::Warning) << "couldn't remove prepared mapping: " << mappingPath;
-            LogLine(LogLevel::Warning) << error;
+            LogLine(LogLevel::Warning)
+                << "couldn't remove prepared mapping: " << mappingPath << ": " << error;
         }
         throw;
     }
