@@ -84,9 +84,8 @@ public:
             // their places are checked and cleared like the others, but nothing is made there.
             for (std::size_t row = 0; row < everyRule.size(); ++row)
                 mapRule(everyRule[row], row < table.size());
-            const fs::path list = versionDirectory / mappingListName;
-            listCreated = !fs::exists(fs::symlink_status(list));
-            writeListFile(list, created, "couldn't open file to create mapping list",
+            writeListFile(versionDirectory / mappingListName, created,
+                          "couldn't open file to create mapping list",
                           "couldn't write lines to mapping list");
         } catch (const std::exception& error) {
             if (!causeLogged)
@@ -127,9 +126,6 @@ private:
 
     void rollBack() {
         Common::logInfo("cleaning up created mappings");
-        // A list that this run began is removed; one that was there before is left alone.
-        if (listCreated)
-            removeCreated(versionDirectory / mappingListName);
         for (const auto& mappingPath : created)
             removeCreated(mappingPath);
     }
@@ -148,7 +144,6 @@ private:
     const std::vector<MappingRule> everyRule;
     std::vector<fs::path> created;
     bool causeLogged = false;
-    bool listCreated = false;
 };
 
 } // namespace
