@@ -1,5 +1,5 @@
-// Opening package files and reading their tags with librpm, in the sandbox (librpm creates an
-// RPM database under $HOME when it loads its keyring).
+// Opening package files and reading their tags with librpm, in the sandbox, whose RPM database
+// is at /var/lib/rpm.
 
 #include "common/error.hpp"
 #include "common/rpm/reader.hpp"
@@ -35,6 +35,19 @@ TEST(RpmReader, OpensPackagesAndRefusesOtherFiles) {
                           "couldn't read rpm package")
                     << path;
             });
+    });
+}
+
+TEST(RpmReader, ReadingAPackageCreatesNoRpmDatabase) {
+    const auto package = TestSupport::buildPackage(RpmTest::single("reader-no-database"));
+    SANDBOXED([&] {
+        namespace fs = std::filesystem;
+        fs::remove_all("/var/lib/rpm");
+        EXPECT_EQ(Reader(package.string()).stringTag(RPMTAG_NAME), "reader-no-database");
+        EXPECT_FALSE(fs::exists("/var/lib/rpm"));
+        fs::create_directories("/var/lib/rpm");
+        Reader{package.string()};
+        EXPECT_TRUE(fs::is_empty("/var/lib/rpm"));
     });
 }
 

@@ -74,8 +74,10 @@ TEST(Package, IdentityFilesNamesAndSourceFromASignedFile) {
                                           foo(manifest("org.example", "Foo")), "developer-system");
     SANDBOXED([&] {
         installPlatformAuthority();
+        fs::remove_all("/var/lib/rpm");
         std::optional<Package> package;
         EXPECT_EQ(captureStderr([&] { package.emplace(Package::fromPath(both.string())); }), "");
+        EXPECT_FALSE(fs::exists("/var/lib/rpm")); // reading leaves no RPM database behind
         EXPECT_EQ(package->path(), both.string());
         EXPECT_EQ(package->id(), "foo");
         EXPECT_EQ(package->version(), "2.0-1");
