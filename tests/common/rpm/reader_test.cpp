@@ -2,6 +2,7 @@
 // is at /var/lib/rpm.
 
 #include "common/error.hpp"
+#include "common/rpm/file_iterator.hpp"
 #include "common/rpm/reader.hpp"
 #include "tests/common/rpm/rpm_packages.hpp"
 #include "tests/support/file_checks.hpp"
@@ -94,6 +95,16 @@ TEST(RpmReader, UnreadableConfigurationWarnsOnEveryConstruction) {
         EXPECT_EQ(name, "reader-configuration");
         const auto second = captureStderr([&] { Reader{package.string()}; });
         EXPECT_EQ(count(second, warning), 2u) << second;
+        // The file walks read the configuration before anything else, so the walk's warning
+        // comes even when the package it opens is not there.
+        const auto missing = [&](auto open) {
+            return captureStderr([&] {
+                EXPECT_EQ(errorOf(open, ErrorCode::FileNotFound), "couldn't open rpm package");
+            });
+        };
+        EXPECT_EQ(count(missing([] { Common::Rpm::FileIterator("/nowhere.rpm"); }), warning), 2u);
+        EXPECT_EQ(count(missing([] { Common::Rpm::ExtractFileIterator("/nowhere.rpm"); }), warning),
+                  2u);
 
         // Once read, the configuration is not read again.
         std::filesystem::rename("/usr/lib/rpm/rpmrc.away", "/usr/lib/rpm/rpmrc");
