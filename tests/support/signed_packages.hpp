@@ -11,6 +11,7 @@
 
 #include <filesystem>
 #include <gtest/gtest.h>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -39,16 +40,34 @@ inline void signPackage(const std::filesystem::path& package, const std::string&
     ASSERT_EQ(result.status, 0) << result.err;
 }
 
-// pkgsig always signs as a developer: a package with only the test client's signature.
-inline void signAsClientOnly(const std::filesystem::path& package) {
+// One signature that pkgsig would never make: `signer` (a test PKI name) signs `content`, or
+// the package's own signed content when none is given, recording `files`.
+struct LibrarySignature {
+    std::string signer;
+    PackageSignatures::FileSignatures files = {};
+    std::optional<std::string> content = std::nullopt;
+};
+
+// Replaces the signatures of `package` with `signatures`, made by the signature library.
+inline void signWithLibrary(const std::filesystem::path& package,
+                            const std::vector<LibrarySignature>& signatures) {
     using namespace PackageSignatures;
     const Pkgsig::PackageFile file(package);
-    const auto client = SigningIdentity::fromPemFiles(TestPki::shared().key("client"),
-                                                      TestPki::shared().certificate("client"));
-    file.writeWithSignatures(
-        {signContent(client, openSignedContent(package, file.layout().contentOffset).get(), {},
-                     std::nullopt)},
-        package);
+    std::vector<Cms> cmses;
+    for (const auto& [signer, files, content] : signatures) {
+        const auto identity = SigningIdentity::fromPemFiles(TestPki::shared().key(signer),
+                                                            TestPki::shared().certificate(signer));
+        const BioPtr data =
+            content ? BioPtr(BIO_new_mem_buf(content->data(), static_cast<int>(content->size())))
+                    : openSignedContent(package, file.layout().contentOffset);
+        cmses.push_back(signContent(identity, data.get(), files, std::nullopt));
+    }
+    file.writeWithSignatures(cmses, package);
+}
+
+// pkgsig always signs as a developer: a package with only the test client's signature.
+inline void signAsClientOnly(const std::filesystem::path& package) {
+    signWithLibrary(package, {{"client"}});
 }
 
 } // namespace TestSupport

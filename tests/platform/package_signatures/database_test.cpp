@@ -71,6 +71,14 @@ TEST_F(SignatureDatabase, ImportedCertificatesAreListedAndFoundByGroup) {
     EXPECT_EQ(again.packageCertificateWithGroup("zeta-app", DeveloperGroup)->keyId(),
               load("developer-extended").keyId());
     EXPECT_EQ(filesBelow(root / "zeta-app"), std::vector<std::string>{"1.pem"});
+
+    // A package whose last certificate goes leaves no directory behind.
+    database.removePackageCertificate("alpha.viewer+2", ClientGroup);
+    database.removePackageCertificate("alpha.viewer+2", ClientGroup);
+    EXPECT_EQ(filesBelow(root / "alpha.viewer+2"), std::vector<std::string>{"1.pem"});
+    database.removePackageCertificate("alpha.viewer+2", DeveloperGroup);
+    EXPECT_FALSE(fs::exists(root / "alpha.viewer+2"));
+    EXPECT_EQ(database.packages(), (std::vector<std::string>{"Beta_1", "zeta-app"}));
 }
 
 TEST_F(SignatureDatabase, NamesThatWouldLeaveTheRootAreRefused) {

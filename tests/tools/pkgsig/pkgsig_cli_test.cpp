@@ -15,6 +15,7 @@
 namespace {
 
 namespace fs = std::filesystem;
+namespace PS = PackageSignatures;
 using PkgsigTest::pkgsig;
 using PkgsigTest::Scratch;
 using TestSupport::TestPki;
@@ -49,30 +50,19 @@ std::set<std::string> namesIn(const fs::path& directory) {
     return names;
 }
 
-TEST(PkgsigCommand, HelpExplainsEveryCommandAndOption) {
+TEST(PkgsigCommand, HelpWhereverItIsAsked) {
     const auto help = pkgsig({"--help"});
     EXPECT_EQ(help.status, 0);
+    EXPECT_TRUE(help.out.starts_with("Usage: pkgsig COMMAND")) << help.out;
     EXPECT_EQ(pkgsig({"verify", "x.rpm", "-h"}).out, help.out);
-    for (const char* text :
-         {"sign PACKAGE --developer-key KEY --developer-cert CERT", "show PACKAGE",
-          "verify PACKAGE --ca CA", "import PACKAGE --ca CA [--database DIR]",
-          "list [--database DIR]", "--client-key", "--client-cert", "--output FILE",
-          "--signing-time SECONDS", "%_ima_sign_config_files", "/var/lib/package-signatures",
-          "NAME ROLE KEY-ID SUBGROUP SUBJECT", "Exit status"})
-        EXPECT_NE(help.out.find(text), std::string::npos) << text;
-
-    const auto nothing = pkgsig({});
-    EXPECT_EQ(nothing.status, 2);
-    EXPECT_EQ(nothing.err, "pkgsig: no command given (see pkgsig --help)\n");
-    const auto unknown = pkgsig({"frobnicate"});
-    EXPECT_EQ(unknown.status, 2);
-    EXPECT_EQ(unknown.err, "pkgsig: unknown command \"frobnicate\" (see pkgsig --help)\n");
 }
 
 TEST(PkgsigCommand, SignShowVerifyImportAndList) {
     Scratch scratch;
     const auto hello = PkgsigTest::copyOfPackage("hello", scratch / "hello.rpm");
-    const auto signing = pkgsig(signArguments(hello, "developer", "client"));
+    auto arguments = signArguments(hello, "developer", "client");
+    arguments.insert(arguments.end(), {"--signing-time", "1590969600"});
+    const auto signing = pkgsig(arguments);
     ASSERT_EQ(signing.status, 0) << signing.err;
     EXPECT_EQ(signing.out, "signed " + hello.string() +
                                " (hello-1.0-1.noarch): developer CN=Regular Developer,O=Example "
@@ -86,7 +76,7 @@ TEST(PkgsigCommand, SignShowVerifyImportAndList) {
              "  key id: " + keyId("developer") +
                  "\n  subject: CN=Regular Developer,O=Example "
                  "Apps,C=FI\n  subgroup: regular\n  system "
-                 "developer: no\n",
+                 "developer: no\n  signing time: 2020-06-01T00:00:00Z\n",
              "  file signatures: 5\n    0 /etc/hello-hook\n    3 /usr/bin/hello\n"
              "    5 /usr/share/applications/hello.desktop\n    7 /usr/share/hello/data-link.txt\n"
              "    8 /usr/share/hello/data.txt\nsignature 2: client\n  key id: " +
@@ -137,6 +127,15 @@ TEST(PkgsigCommand, BadInputGetsOneLineAndChangesNothing) {
     TestSupport::writeFile(scratch / "notes.rpm", "not a package\n");
     const std::string cut = TestSupport::readFile(package);
     TestSupport::writeFile(scratch / "cut.rpm", cut.substr(0, cut.size() - 40));
+    // Its file signatures hold; its trustlet signatures are of other data.
+    const auto tampered = PkgsigTest::copyOfPackage("hello", scratch / "tampered.rpm");
+    const auto developer =
+        PS::SigningIdentity::fromPemFiles(path("developer", true), path("developer"));
+    PS::FileSignatures files;
+    for (const auto& [index, digest] : Pkgsig::PackageFile(tampered).digestsOfFilesToSign())
+        files[index] = {PS::imaFileSignature(developer, digest),
+                        PS::trustletSignature(developer, PS::Bytes(32, 0x5a))};
+    TestSupport::signWithLibrary(tampered, {{"developer", files}});
 
     const std::string missing = (scratch / "missing.rpm").string();
     const std::string database = (scratch / "db").string();
@@ -155,6 +154,17 @@ TEST(PkgsigCommand, BadInputGetsOneLineAndChangesNothing) {
         std::string error;
     };
     const Case cases[] = {
+        {{}, 2, "no command given"},
+        {{"frobnicate"}, 2, "unknown command \"frobnicate\""},
+        {{"verify", signedPackage.string(), "--ca="}, 2, "--ca needs a value"},
+        {{"verify", signedPackage.string(), "--ca", path("ca"), "--ca=" + path("ca")},
+         2,
+         "--ca is given twice"},
+        {{"verify", tampered.string(), "--ca", path("ca")},
+         1,
+         "the trustlet signature of /etc/hello-hook does not hold"},
+        {sign(package.string(), "developer-expired", "developer-expired"), 1,
+         "is not valid at the signing time"},
         {sign(missing, "developer", "developer"), 1, "cannot open " + missing},
         {sign((scratch / "notes.rpm").string(), "developer", "developer"), 1,
          "is not an RPM package file: no RPM lead"},
@@ -251,8 +261,6 @@ TEST(PkgsigCommand, SignedPackagesPassStockRpmAndImportIntoTheDeviceDatabase) {
     Scratch scratch;
     const auto hello = PkgsigTest::copyOfPackage("hello", scratch / "hello.rpm");
     const auto tiny = PkgsigTest::copyOfPackage("tiny-xz", scratch / "tiny.rpm");
-    // Signed twice: the second signing replaces the first signatures.
-    ASSERT_EQ(pkgsig(signArguments(hello, "developer-system")).status, 0);
     ASSERT_EQ(pkgsig(signArguments(hello, "developer", "client")).status, 0);
     ASSERT_EQ(pkgsig(signArguments(tiny, "developer-extended")).status, 0);
     SANDBOXED([&] {
@@ -273,13 +281,7 @@ TEST(PkgsigCommand, SignedPackagesPassStockRpmAndImportIntoTheDeviceDatabase) {
             EXPECT_EQ(pkgsig({"import", package.string(), "--ca", path("ca")}).status, 0);
         const PackageSignatures::Database database(PackageSignatures::Database::defaultPath);
         EXPECT_EQ(database.packages(), (std::vector<std::string>{"hello", "tiny-xz"}));
-        const auto client = database.packageCertificateWithGroup("hello", 3);
-        ASSERT_TRUE(client.has_value());
-        EXPECT_EQ(client->keyId(), keyId("client"));
-        EXPECT_EQ(client->subject(), TestPki::clientSubject);
-        EXPECT_FALSE(database.packageCertificateWithGroup("tiny-xz", 3));
-        EXPECT_EQ(database.packageCertificateWithGroup("tiny-xz", 1)->subgroup(),
-                  PackageSignatures::Subgroup::Extended);
+        EXPECT_EQ(database.packageCertificateWithGroup("hello", 3)->keyId(), keyId("client"));
         EXPECT_EQ(pkgsig({"list"}).out.substr(0, 16), "hello developer ");
     });
 }
