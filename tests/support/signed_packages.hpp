@@ -5,6 +5,7 @@
 
 #include "platform/package_signatures/file_with_cmses.hpp"
 #include "platform/package_signatures/signing.hpp"
+#include "tests/support/file_checks.hpp"
 #include "tests/support/sandbox.hpp"
 #include "tests/support/test_pki.hpp"
 #include "tools/pkgsig/package_file.hpp"
@@ -16,6 +17,17 @@
 #include <vector>
 
 namespace TestSupport {
+
+// The test PKI's certificate `name`, and the signing identity of its key and certificate.
+inline PackageSignatures::Certificate pkiCertificate(const std::string& name) {
+    return PackageSignatures::Certificate::fromPem(readFile(TestPki::shared().certificate(name)))
+        .value();
+}
+
+inline PackageSignatures::SigningIdentity pkiIdentity(const std::string& name) {
+    return PackageSignatures::SigningIdentity::fromPemFiles(TestPki::shared().key(name),
+                                                            TestPki::shared().certificate(name));
+}
 
 inline ProcessResult pkgsig(std::vector<std::string> arguments) {
     arguments.insert(arguments.begin(), std::string(TOLVA_BINARY_DIR) + "/bin/pkgsig");
@@ -55,8 +67,7 @@ inline void signWithLibrary(const std::filesystem::path& package,
     const Pkgsig::PackageFile file(package);
     std::vector<Cms> cmses;
     for (const auto& [signer, files, content] : signatures) {
-        const auto identity = SigningIdentity::fromPemFiles(TestPki::shared().key(signer),
-                                                            TestPki::shared().certificate(signer));
+        const auto identity = pkiIdentity(signer);
         const BioPtr data =
             content ? BioPtr(BIO_new_mem_buf(content->data(), static_cast<int>(content->size())))
                     : openSignedContent(package, file.layout().contentOffset);

@@ -30,11 +30,15 @@ TEST(LogEvent, SendsLevelAsPriorityAndIsQuietWithoutAJournal) {
         EXPECT_EQ(log_event(2, 7, "nobody reads"), 0);
 
         TestSupport::JournalCapture journal;
-        EXPECT_EQ(log_event(2, 7, "100% sure"), 0);
-        auto entry = journal.receive();
-        EXPECT_EQ(entry["MESSAGE"], "100% sure");
-        EXPECT_EQ(entry["PRIORITY"], "4");
-        EXPECT_EQ(entry["TOLVA_EVENT_CODE"], "7");
-        EXPECT_EQ(entry["TOLVA_EVENT_LEVEL"], "2");
+        for (const auto& [level, priority] : {std::pair{1, "6"}, {2, "4"}, {8, "3"}}) {
+            EXPECT_EQ(log_event(level, 7, "100% sure"), 0);
+            auto entry = journal.receive();
+            EXPECT_EQ(entry["MESSAGE"], "100% sure");
+            EXPECT_EQ(entry["PRIORITY"], priority);
+            EXPECT_EQ(entry["TOLVA_EVENT_CODE"], "7");
+            EXPECT_EQ(entry["TOLVA_EVENT_LEVEL"], std::to_string(level));
+            EXPECT_EQ(entry["SYSLOG_IDENTIFIER"], "tolva-migrate");
+            EXPECT_EQ(entry.count("CODE_FILE"), 0u);
+        }
     });
 }
