@@ -30,8 +30,6 @@ TEST(ExtendedAttributes, ReadAndWriteOnFilesAndLinks) {
         EXPECT_EQ(getExtendedAttribute(file, "user.binary"), binaryValue);
         // Reading follows a link.
         EXPECT_EQ(getExtendedAttribute(link, "user.binary"), binaryValue);
-        setExtendedAttribute(file, "user.binary", "replaced");
-        EXPECT_EQ(attribute(file, "user.binary"), "replaced");
         putAttribute(file, "user.empty", "");
         EXPECT_EQ(getExtendedAttribute(file, "user.empty"), "");
 
@@ -154,6 +152,5 @@ TEST(RemapPath, FirstMatchingRulePlacesThePath) {
     };
     for (const auto& [path, place] : placed)
         EXPECT_EQ(Common::remapPath(path, rules), place) << path;
-    EXPECT_EQ(Common::remapPath("", {{"/", "root"}}), fs::path("root"));
     EXPECT_EQ(Common::remapPath("/etc/x", {}), fs::path("etc/x"));
 }

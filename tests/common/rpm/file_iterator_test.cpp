@@ -123,7 +123,7 @@ TEST(RpmFileIterator, FileListOfEveryKind) {
     });
 }
 
-TEST(RpmFileIterator, PayloadOfEveryKindInEachCompression) {
+TEST(RpmFileIterator, PayloadOfEveryKindInEachCompressionAndStoppedEarly) {
     const std::map<std::string, std::string> payloads = {
         {"gzip", "w9.gzdio"}, {"xz", "w6.xzdio"}, {"zstd", "w3.zstdio"}};
     std::map<std::string, fs::path> packages;
@@ -132,23 +132,16 @@ TEST(RpmFileIterator, PayloadOfEveryKindInEachCompression) {
     SANDBOXED([&] {
         for (const auto& [name, package] : packages) {
             SCOPED_TRACE(name);
-            EXPECT_EQ(Common::Rpm::Reader(package.string()).stringTag(RPMTAG_PAYLOADCOMPRESSOR),
-                      name);
             Extracted all;
             EXPECT_EQ(captureStderr([&] { all = extract(package); }), deviceWarning);
             EXPECT_EQ(all.lines, payloadOrder);
             EXPECT_EQ(all.data.size(), 8u);
             EXPECT_TRUE(all.data.at("/usr/share/fixture/big") == RpmTest::bigData());
-            EXPECT_EQ(all.data.at("/usr/share/fixture/a"), RpmTest::sharedData);
             EXPECT_EQ(all.data.at("/usr/share/fixture/x"), "second set\n");
-            EXPECT_EQ(all.data.at("/usr/share/fixture/empty"), "");
         }
-    });
-}
 
-TEST(RpmFileIterator, StopsEarlyAfterTheHardLinksOfAFile) {
-    const auto package = TestSupport::buildPackage(RpmTest::everyKind());
-    SANDBOXED([&] {
+        // A walk stops early, but not before the further names of a data-carrying file.
+        const auto& package = packages.at("gzip");
         const auto first = [](std::size_t count) {
             return std::vector<std::string>(payloadOrder.begin(), payloadOrder.begin() + count);
         };

