@@ -47,8 +47,23 @@ void warnUnexpectedType() {
     logWarning("unexpected entry type in rpm package");
 }
 
+// Every constructor of the layer reads the RPM configuration before it builds anything.
+Reader configuredReader(const std::string& path) {
+    ensureRpmConfiguration();
+    return Reader(path);
+}
+
+const Reader& configuredReader(const Reader& reader) {
+    ensureRpmConfiguration();
+    return reader;
+}
+
 FilesHandle filesOf(const Reader& reader) {
     return ownFiles(rpmfilesNew(nullptr, reader.header().get(), 0, RPMFI_KEEPHEADER));
+}
+
+FileIteratorHandle walkFileList(const FilesHandle& files) {
+    return ownFileIterator(rpmfilesIter(files.get(), RPMFI_ITER_FWD));
 }
 
 FileIteratorHandle openArchive(const Reader& reader, const FilesHandle& files) {
@@ -113,13 +128,11 @@ void RpmFileContent::writeTo(const std::filesystem::path& destination) const {
         throw writeFailure();
 }
 
-FileIterator::FileIterator(const std::string& path) : FileIterator(Reader(path)) {}
+FileIterator::FileIterator(const std::string& path)
+    : reader(configuredReader(path)), files(filesOf(reader)), iterator(walkFileList(files)) {}
 
 FileIterator::FileIterator(const Reader& reader)
-    : reader(reader), files(filesOf(reader)),
-      iterator(ownFileIterator(rpmfilesIter(files.get(), RPMFI_ITER_FWD))) {
-    ensureRpmConfiguration();
-}
+    : reader(configuredReader(reader)), files(filesOf(reader)), iterator(walkFileList(files)) {}
 
 void FileIterator::forEach(const std::function<IterationResult(const Entry&)>& callback) {
     rpmfi fi = iterator.get();
@@ -150,8 +163,7 @@ void FileIterator::forEach(const std::function<IterationResult(const Entry&)>& c
 }
 
 ExtractFileIterator::ExtractFileIterator(const std::string& path)
-    : reader(path), files(filesOf(reader)), iterator(openArchive(reader, files)) {
-    ensureRpmConfiguration();
+    : reader(configuredReader(path)), files(filesOf(reader)), iterator(openArchive(reader, files)) {
 }
 
 void ExtractFileIterator::forEach(const std::function<IterationResult(const Entry&)>& callback) {

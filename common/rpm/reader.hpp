@@ -17,6 +17,7 @@ void ensureRpmConfiguration();
 class Reader {
 public:
     // Opens the package file; after this the descriptor stands at the start of the payload.
+    // Leaves no state behind: without an RPM database, none is created for the keyring.
     // Throws Common::Error: code 3 when the file cannot be opened, 4 when librpm refuses it
     // (including a signature that the keyring cannot verify).
     explicit Reader(const std::string& path);

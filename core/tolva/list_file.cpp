@@ -2,21 +2,61 @@
 
 #include "common/error.hpp"
 
+#include <fcntl.h>
 #include <fstream>
 #include <iomanip>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
 
 namespace Core::Tolva {
 
-void writeListFile(const std::filesystem::path& file,
-                   const std::vector<std::filesystem::path>& paths, const char* openFailure,
-                   const char* writeFailure) {
+namespace {
+
+[[noreturn]] void fail(const char* message) {
+    throw Common::Error(Common::ErrorCode::Filesystem, message);
+}
+
+// The lines reach the disk before the list takes its name: after a crash the list is the old
+// one or the complete new one.
+bool syncToDisk(const fs::path& file) {
+    const int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return false;
+    const bool synced = ::fsync(fd) == 0;
+    return ::close(fd) == 0 && synced;
+}
+
+void writeLines(const fs::path& file, const std::vector<fs::path>& paths, const char* openFailure,
+                const char* writeFailure) {
     std::ofstream list(file, std::ios::out | std::ios::trunc);
     if (!list.is_open())
-        throw Common::Error(Common::ErrorCode::Filesystem, openFailure);
+        fail(openFailure);
     for (const auto& path : paths) {
         list << path.native() << std::endl;
         if (!list)
-            throw Common::Error(Common::ErrorCode::Filesystem, writeFailure);
+            fail(writeFailure);
+    }
+    list.close();
+    if (!list || !syncToDisk(file))
+        fail(writeFailure);
+}
+
+} // namespace
+
+void writeListFile(const fs::path& file, const std::vector<fs::path>& paths,
+                   const char* openFailure, const char* writeFailure) {
+    const fs::path temporary = file.parent_path() / ("." + file.filename().string() + ".new");
+    try {
+        writeLines(temporary, paths, openFailure, writeFailure);
+        std::error_code error;
+        fs::rename(temporary, file, error);
+        if (error)
+            fail(openFailure);
+    } catch (...) {
+        std::error_code ignored;
+        fs::remove(temporary, ignored);
+        throw;
     }
 }
 
@@ -24,8 +64,8 @@ void writeListFile(const std::filesystem::path& file,
 
 namespace Core::Tolva {
 
-std::vector<std::filesystem::path> readListFile(std::istream& list) {
-    std::vector<std::filesystem::path> paths;
+std::vector<fs::path> readListFile(std::istream& list) {
+    std::vector<fs::path> paths;
     std::string token;
     while (list >> std::quoted(token))
         paths.emplace_back(token);

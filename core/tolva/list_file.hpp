@@ -8,9 +8,11 @@
 
 namespace Core::Tolva {
 
-// Writes `paths` to `file` (created or truncated), each as its plain text followed by a
-// newline, flushing after every line. Throws Common::Error (Filesystem) with `openFailure` when
-// the file cannot be opened and with `writeFailure` when a line cannot be written.
+// Writes `paths` to `file`, each as its plain text followed by a newline, flushing after every
+// line. The lines go to a temporary file next to `file` that is renamed over it once complete,
+// so `file` is always the old list or the whole new one. Throws Common::Error (Filesystem) with
+// `openFailure` when the list cannot be created or put in place, and with `writeFailure` when a
+// line cannot be written; the old list is then left as it was.
 void writeListFile(const std::filesystem::path& file,
                    const std::vector<std::filesystem::path>& paths, const char* openFailure,
                    const char* writeFailure);

@@ -35,8 +35,8 @@ bool copyLink(const fs::path& source, const fs::path& mappingPath) {
         return true;
     } catch (const std::exception& error) {
         LogLine(LogLevel::Warning)
-            << "Coulnd't create copy of symlink during mappings generation: " << source;
-        LogLine(LogLevel::Warning) << error;
+            << "Coulnd't create copy of symlink during mappings generation: " << source << ": "
+            << error;
         Common::logInfo("Trying to copy content of the symlink target");
         return false;
     }
@@ -57,8 +57,8 @@ void createMarkedCopy(const fs::path& source, const fs::path& mappingPath) {
         try {
             fs::remove(prepared);
         } catch (const std::exception& error) {
-            LogLine(LogLevel::Warning) << "couldn't remove prepared mapping: " << prepared;
-            LogLine(LogLevel::Warning) << error;
+            LogLine(LogLevel::Warning)
+                << "couldn't remove prepared mapping: " << prepared << ": " << error;
         }
         throw;
     }
@@ -96,9 +96,8 @@ public:
             // their places are checked and cleared like the others, but nothing is made there.
             for (std::size_t row = 0; row < everyRule.size(); ++row)
                 mapRule(everyRule[row], row < table.size());
-            const fs::path list = versionDirectory / mappingListName;
-            listCreated = !fs::exists(fs::symlink_status(list));
-            writeListFile(list, created, "couldn't open file to create mapping list",
+            writeListFile(versionDirectory / mappingListName, created,
+                          "couldn't open file to create mapping list",
                           "couldn't write lines to mapping list");
         } catch (const std::exception& error) {
             if (!causeLogged)
@@ -139,9 +138,6 @@ private:
 
     void rollBack() {
         Common::logInfo("cleaning up created mappings");
-        // A list that this run began is removed; one that was there before is left alone.
-        if (listCreated)
-            removeCreated(versionDirectory / mappingListName);
         for (const auto& mappingPath : created)
             removeCreated(mappingPath);
     }
@@ -161,7 +157,6 @@ private:
     const std::vector<MappingRule> everyRule;
     std::vector<fs::path> created;
     bool causeLogged = false;
-    bool listCreated = false;
 };
 
 } // namespace

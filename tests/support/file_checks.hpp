@@ -3,6 +3,7 @@
 // File helpers for tests, independent of the code under test: files, attributes, mounts, errors.
 
 #include "common/error.hpp"
+#include "tests/support/sandbox.hpp"
 
 #include <filesystem>
 #include <fstream>
@@ -76,10 +77,23 @@ inline void mountFresh(const char* type, const std::filesystem::path& target,
         throw std::runtime_error(std::string("mount ") + type + " on " + target.string());
 }
 
-// The text of the exception that removing `path` throws; empty when the removal succeeds.
-inline std::string removalFailure(const std::filesystem::path& path) {
+// Makes `directory` (created when missing) append-only: nothing in it can be unlinked, while
+// what lies deeper can. Only inside a sandbox, on a file system that takes the flag (tmpfs).
+inline void makeAppendOnly(const std::filesystem::path& directory) {
+    std::filesystem::create_directories(directory);
+    const auto chattr = runProgram({"chattr", "+a", directory.string()});
+    if (chattr.status != 0)
+        throw std::runtime_error("chattr +a " + directory.string() + ": " + chattr.err);
+}
+
+// The text of the exception that removing `path` (with all it holds when `all`) throws; empty
+// when the removal succeeds.
+inline std::string removalFailure(const std::filesystem::path& path, bool all = false) {
     try {
-        std::filesystem::remove(path);
+        if (all)
+            std::filesystem::remove_all(path);
+        else
+            std::filesystem::remove(path);
     } catch (const std::exception& error) {
         return error.what();
     }

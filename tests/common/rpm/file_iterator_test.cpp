@@ -123,7 +123,7 @@ TEST(RpmFileIterator, FileListOfEveryKind) {
     });
 }
 
-TEST(RpmFileIterator, PayloadOfEveryKindInEachCompression) {
+TEST(RpmFileIterator, PayloadOfEveryKindInEachCompressionAndStoppedEarly) {
     const std::map<std::string, std::string> payloads = {
         {"gzip", "w9.gzdio"}, {"xz", "w6.xzdio"}, {"zstd", "w3.zstdio"}};
     std::map<std::string, fs::path> packages;
@@ -132,29 +132,16 @@ TEST(RpmFileIterator, PayloadOfEveryKindInEachCompression) {
     SANDBOXED([&] {
         for (const auto& [name, package] : packages) {
             SCOPED_TRACE(name);
-            EXPECT_EQ(Common::Rpm::Reader(package.string()).stringTag(RPMTAG_PAYLOADCOMPRESSOR),
-                      name);
             Extracted all;
             EXPECT_EQ(captureStderr([&] { all = extract(package); }), deviceWarning);
             EXPECT_EQ(all.lines, payloadOrder);
+            EXPECT_EQ(all.data.size(), 8u);
             EXPECT_TRUE(all.data.at("/usr/share/fixture/big") == RpmTest::bigData());
-            all.data.erase("/usr/share/fixture/big");
-            EXPECT_EQ(all.data, (std::map<fs::path, std::string>{
-                                    {"/etc/fixture-hook", "#!/bin/sh\n"},
-                                    {"/etc/fixture.conf", "key=value\n"},
-                                    {"/usr/bin/fixture-suid", RpmTest::toolScript},
-                                    {"/usr/bin/fixture-tool", RpmTest::toolScript},
-                                    {"/usr/share/fixture/a", RpmTest::sharedData},
-                                    {"/usr/share/fixture/empty", ""},
-                                    {"/usr/share/fixture/x", "second set\n"},
-                                }));
+            EXPECT_EQ(all.data.at("/usr/share/fixture/x"), "second set\n");
         }
-    });
-}
 
-TEST(RpmFileIterator, StopsEarlyAfterTheHardLinksOfAFile) {
-    const auto package = TestSupport::buildPackage(RpmTest::everyKind());
-    SANDBOXED([&] {
+        // A walk stops early, but not before the further names of a data-carrying file.
+        const auto& package = packages.at("gzip");
         const auto first = [](std::size_t count) {
             return std::vector<std::string>(payloadOrder.begin(), payloadOrder.begin() + count);
         };
@@ -169,67 +156,53 @@ TEST(RpmFileIterator, StopsEarlyAfterTheHardLinksOfAFile) {
     });
 }
 
-TEST(RpmFileIterator, WritesEachFileToDisk) {
-    const auto package = TestSupport::buildPackage(RpmTest::everyKind());
-    SANDBOXED([&] {
-        std::map<fs::path, std::string> written;
-        captureStderr([&] {
-            ExtractFileIterator(package.string()).forEach([&](const auto& entry) {
-                if (entry.content) {
-                    const fs::path out = "/tmp/out" / entry.path.relative_path();
-                    fs::create_directories(out.parent_path());
-                    TestSupport::writeFile(out, "old content that is longer than the new one");
-                    entry.content->writeTo(out);
-                    written[entry.path] = TestSupport::readFile(out);
-                }
-                return IterationResult::Continue;
-            });
-        });
-        EXPECT_TRUE(written.at("/usr/share/fixture/big") == RpmTest::bigData());
-        EXPECT_EQ(written.at("/usr/share/fixture/empty"), "");
-        EXPECT_EQ(written.at("/usr/share/fixture/a"), RpmTest::sharedData);
+namespace {
 
-        const auto message = TestSupport::errorOf([&] {
-            ExtractFileIterator(package.string()).forEach([](const auto& entry) {
-                if (entry.content)
-                    entry.content->writeTo("/nowhere/file");
-                return IterationResult::Continue;
-            });
+// Walks the payload of `package` and writes the data of its file `path` to `destination`.
+void writeOut(const fs::path& package, const fs::path& path, const fs::path& destination) {
+    captureStderr([&] {
+        ExtractFileIterator(package.string()).forEach([&](const auto& entry) {
+            if (entry.path == path)
+                entry.content->writeTo(destination);
+            return IterationResult::Continue;
         });
-        EXPECT_EQ(message, "couldn't open file for writing rpm content: /nowhere/file");
-
-        TestSupport::mountFresh("tmpfs", "/tmp/full", "size=64k");
-        const auto full = TestSupport::errorOf([&] {
-            captureStderr([&] {
-                ExtractFileIterator(package.string()).forEach([](const auto& entry) {
-                    if (entry.path == "/usr/share/fixture/big")
-                        entry.content->writeTo("/tmp/full/big");
-                    return IterationResult::Continue;
-                });
-            });
-        });
-        EXPECT_EQ(full, "couldn't write rpm package content to /tmp/full/big");
     });
 }
 
-TEST(RpmFileIterator, DamagedPayload) {
+} // namespace
+
+TEST(RpmFileIterator, WritesFilesToDiskAndSaysWhereItCannot) {
     const auto package = TestSupport::buildPackage(RpmTest::everyKind());
     SANDBOXED([&] {
-        // Cut the file inside the big file's data: the header still reads, the data does not.
-        const auto size = fs::file_size(package);
+        const std::pair<const char*, std::string> files[] = {
+            {"big", RpmTest::bigData()}, {"empty", ""}, {"a", RpmTest::sharedData}};
+        for (const auto& [name, data] : files) {
+            TestSupport::writeFile("/tmp/out", "old content that is longer than the new one");
+            writeOut(package, fs::path("/usr/share/fixture") / name, "/tmp/out");
+            EXPECT_TRUE(TestSupport::readFile("/tmp/out") == data) << name;
+        }
+
+        // A package cut inside the big file's data: the header still reads, the data does not.
         fs::copy_file(package, "/tmp/cut.rpm");
-        fs::resize_file("/tmp/cut.rpm", size / 2);
-        const auto message = TestSupport::errorOf(
-            [&] {
-                captureStderr([&] {
-                    ExtractFileIterator("/tmp/cut.rpm").forEach([](const auto& entry) {
-                        if (entry.content)
-                            entry.content->read();
-                        return IterationResult::Continue;
-                    });
-                });
-            },
-            ErrorCode::Internal);
-        EXPECT_EQ(message, "couldn't read content from rpm package");
+        fs::resize_file("/tmp/cut.rpm", fs::file_size(package) / 2);
+        // A file system that fills up in the middle of the big file, and is then too full for
+        // the last bytes of a small one, which are written when the file is closed.
+        TestSupport::mountFresh("tmpfs", "/tmp/full", "size=64k");
+        const std::tuple<fs::path, const char*, const char*, ErrorCode, std::string> failures[] = {
+            {package, "a", "/nowhere/a", ErrorCode::Filesystem,
+             "couldn't open file for writing rpm content: /nowhere/a"},
+            {"/tmp/cut.rpm", "big", "/tmp/big", ErrorCode::Internal,
+             "couldn't read content from rpm package"},
+            {package, "big", "/tmp/full/big", ErrorCode::Filesystem,
+             "couldn't write rpm package content to /tmp/full/big"},
+            {package, "a", "/tmp/full/a", ErrorCode::Filesystem,
+             "couldn't write rpm package content to /tmp/full/a"},
+        };
+        for (const auto& [from, name, destination, code, message] : failures)
+            EXPECT_EQ(
+                TestSupport::errorOf(
+                    [&] { writeOut(from, fs::path("/usr/share/fixture") / name, destination); },
+                    code),
+                message);
     });
 }

@@ -29,12 +29,6 @@ std::vector<std::string> installedNames(int stopAfter = -1) {
     return names;
 }
 
-std::string queried(const std::vector<std::string>& names) {
-    std::vector<std::string> command = {"rpm", "-q"};
-    command.insert(command.end(), names.begin(), names.end());
-    return TestSupport::runProgram(command).out;
-}
-
 } // namespace
 
 TEST(RpmTransaction, WalksAndErasesInstalledPackages) {
@@ -67,28 +61,23 @@ TEST(RpmTransaction, WalksAndErasesInstalledPackages) {
         transaction.run();
 
         EXPECT_EQ(installedNames(), std::vector<std::string>{"keep-three"});
-        EXPECT_EQ(queried({"erase-one", "erase-two"}),
-                  "package erase-one is not installed\npackage erase-two is not installed\n");
+        EXPECT_EQ(TestSupport::runProgram({"rpm", "-q", "erase-one"}).out,
+                  "package erase-one is not installed\n");
         EXPECT_FALSE(fs::exists("/usr/share/erase-one/readme"));
         EXPECT_FALSE(fs::exists("/usr/share/erase-two/readme"));
         EXPECT_EQ(TestSupport::readFile("/usr/share/keep-three/readme"), "keep-three");
 
-        Transaction().run(); // nothing queued: nothing happens
+        // Nothing queued: nothing happens. Flags are only ever added. A package that is not
+        // installed cannot be erased.
+        Transaction again;
+        again.run();
         EXPECT_EQ(installedNames(), std::vector<std::string>{"keep-three"});
-    });
-}
-
-TEST(RpmTransaction, FlagsAreOnlyAddedAndUnknownPackagesAreRefused) {
-    const auto package = TestSupport::buildPackage(RpmTest::single("not-installed"));
-    SANDBOXED([&] {
-        Transaction transaction;
-        transaction.setFlags(RPMTRANS_FLAG_TEST);
-        transaction.setFlags(RPMTRANS_FLAG_NOPLUGINS);
-        EXPECT_EQ(rpmtsFlags(transaction.handle()), RPMTRANS_FLAG_TEST | RPMTRANS_FLAG_NOPLUGINS);
-
-        const Reader file(package.string());
-        EXPECT_EQ(TestSupport::errorOf([&] { transaction.addEraseElement(file.header()); },
-                                       Common::ErrorCode::Internal),
+        again.setFlags(RPMTRANS_FLAG_TEST);
+        again.setFlags(RPMTRANS_FLAG_NOPLUGINS);
+        EXPECT_EQ(rpmtsFlags(again.handle()), RPMTRANS_FLAG_TEST | RPMTRANS_FLAG_NOPLUGINS);
+        EXPECT_EQ(TestSupport::errorOf(
+                      [&] { again.addEraseElement(Reader(packages[0].string()).header()); },
+                      Common::ErrorCode::Internal),
                   "couldn't add erase element to the RPM transaction");
     });
 }

@@ -1,43 +1,19 @@
 #include "common/error.hpp"
 #include "core/tolva/database.hpp"
+#include "tests/support/file_checks.hpp"
+#include "tests/support/rpm_fixtures.hpp"
 #include "tests/support/sandboxed_test.hpp"
 
 #include <filesystem>
-#include <fstream>
 #include <gtest/gtest.h>
-#include <sstream>
 
 namespace fs = std::filesystem;
 using Core::Tolva::Database;
 using Core::Tolva::PackageData;
 using TestSupport::captureStderr;
-
-namespace {
-
-void writeText(const fs::path& file, const std::string& text) {
-    fs::create_directories(file.parent_path());
-    std::ofstream(file) << text;
-}
-
-std::string readText(const fs::path& file) {
-    std::ifstream in(file);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
-// The message of the Common::Error that `work` throws, with its code.
-std::pair<std::string, Common::ErrorCode> errorOf(const std::function<void()>& work) {
-    try {
-        work();
-    } catch (const Common::Error& error) {
-        return {error.what(), error.code()};
-    }
-    ADD_FAILURE() << "no error thrown";
-    return {};
-}
-
-} // namespace
+using TestSupport::errorOf;
+using TestSupport::readFile;
+using TestSupport::writeFile;
 
 TEST(DatabaseConfiguration, DefaultsForAMissingOrBadFileAndValuesAsTheyStand) {
     SANDBOXED([] {
@@ -48,87 +24,88 @@ TEST(DatabaseConfiguration, DefaultsForAMissingOrBadFileAndValuesAsTheyStand) {
         EXPECT_EQ(database->rootDirectory(), "/opt/app");
         EXPECT_EQ(database->tempDirectory(), "/opt/tolva/tmp");
 
-        writeText("/etc/tolva/tolva.conf",
+        writeFile("/etc/tolva/tolva.conf",
                   "[database]\nroot_directory=/srv/apps\nroot_directory=/x\n");
         EXPECT_EQ(captureStderr([&] { database.emplace(); }), warning);
         EXPECT_EQ(database->rootDirectory(), "/opt/app");
 
         // A directory that is no place for the database is refused, and the default taken.
-        writeText("/etc/tolva/tolva.conf", "[database]\nroot_directory=/opt/apps\n"
+        writeFile("/etc/tolva/tolva.conf", "[database]\nroot_directory=/opt/apps\n"
                                            "temp_directory=\n");
         EXPECT_EQ(captureStderr([&] { database.emplace(); }),
-                  "WARN: ignoring an unsafe directory in config file: database.temp_directory=\"\"\n");
+                  "WARN: ignoring an unsafe directory in config file: "
+                  "database.temp_directory=\"\"\n");
         EXPECT_EQ(database->rootDirectory(), "/opt/apps");
         EXPECT_EQ(database->tempDirectory(), "/opt/tolva/tmp");
-        EXPECT_EQ(database->versionedDirectoryPath("demo.notes", "1.2.3-1"),
-                  "/opt/apps/demo.notes/1.2.3-1");
 
-        writeText("/opt/tolva/tmp/demo.notes/bin/notes", "#!/bin/sh\n");
+        writeFile("/opt/tolva/tmp/demo.notes/bin/notes", "#!/bin/sh\n");
         EXPECT_EQ(database->createVersionedDirectory("demo.notes", "1.2.3-1",
                                                      "/opt/tolva/tmp/demo.notes"),
                   "/opt/apps/demo.notes/1.2.3-1");
-        EXPECT_EQ(readText("/opt/apps/demo.notes/1.2.3-1/bin/notes"), "#!/bin/sh\n");
+        EXPECT_EQ(readFile("/opt/apps/demo.notes/1.2.3-1/bin/notes"), "#!/bin/sh\n");
         EXPECT_FALSE(fs::exists("/opt/tolva/tmp/demo.notes"));
+        EXPECT_EQ(errorOf(
+                      [&] {
+                          database->createVersionedDirectory("demo.notes", "2-1",
+                                                             "/opt/tolva/tmp/demo.notes");
+                      },
+                      Common::ErrorCode::Internal),
+                  "extracted package directory doesn't exist: /opt/tolva/tmp/demo.notes");
+        // A version directory that is already there, with files in it, is not replaced.
+        writeFile("/opt/tolva/tmp/demo.notes/bin/notes", "new");
         EXPECT_EQ(errorOf([&] {
-                      database->createVersionedDirectory("demo.notes", "2-1",
+                      database->createVersionedDirectory("demo.notes", "1.2.3-1",
                                                          "/opt/tolva/tmp/demo.notes");
                   }),
-                  std::make_pair(std::string("extracted package directory doesn't exist: "
-                                             "/opt/tolva/tmp/demo.notes"),
-                                 Common::ErrorCode::Internal));
+                  "couldn't create versioned directory: /opt/apps/demo.notes/1.2.3-1");
+        EXPECT_EQ(readFile("/opt/apps/demo.notes/1.2.3-1/bin/notes"), "#!/bin/sh\n");
     });
 }
 
 TEST(PackageDataFile, WrittenInItsFixedOrderAndReadBack) {
-    const auto directory = fs::temp_directory_path() / ("velmor-" + std::to_string(::getpid()));
-    fs::create_directories(directory);
+    const TestSupport::Scratch directory;
     const PackageData extra{{"certificate.subgroup", "regular"},
                             {"certificate.id", "a1b2"},
                             {"applicationdata.setupdata", "{\"a\": 1}"}};
     Database::writePackageDataFile({"demo.notes", "Demo Org", "Notes"}, "1.2.3-1", extra,
-                                   directory);
+                                   directory.path());
     const auto file = directory / "velmor.pkg";
-    EXPECT_EQ(readText(file), "[general]\nappname=Notes\nid=demo.notes\norgname=Demo Org\n"
+    EXPECT_EQ(readFile(file), "[general]\nappname=Notes\nid=demo.notes\norgname=Demo Org\n"
                               "version=1.2.3-1\n[applicationdata]\nsetupdata={\"a\": 1}\n"
                               "[certificate]\nid=a1b2\nsubgroup=regular\n");
+    EXPECT_EQ(Database::readPackageDataFile(file).size(), 7u);
+    // The manifest names only come in pairs.
+    Database::writePackageDataFile({"demo.clock", "Demo Org", std::nullopt}, "2.0-1", {},
+                                   directory.path());
+    EXPECT_EQ(readFile(file), "[general]\nid=demo.clock\nversion=2.0-1\n");
+
+    writeFile(file, "[general]\nid=x\nversion=1\nextra=kept\n[certificate]\nsubgroup=s\nid=c\n"
+                    "[vendor]\nnote=also kept\n");
     auto data = Database::readPackageDataFile(file);
-    EXPECT_EQ(data.size(), 7u);
-    EXPECT_EQ(data["general.orgname"], "Demo Org");
-    EXPECT_EQ(data["applicationdata.setupdata"], "{\"a\": 1}");
-
-    Database::writePackageDataFile({"demo.clock", "Demo Org", std::nullopt}, "2.0-1", extra,
-                                   directory);
-    data = Database::readPackageDataFile(file);
-    EXPECT_FALSE(data.contains("general.orgname"));
-    EXPECT_FALSE(data.contains("general.appname"));
-    EXPECT_EQ(data["general.id"], "demo.clock");
-
-    writeText(file, "[general]\nid=x\nversion=1\nextra=kept\n[certificate]\nsubgroup=s\n"
-                    "[vendor]\nnote=also kept\n");
-    EXPECT_EQ(errorOf([&] { Database::readPackageDataFile(file); }),
-              std::make_pair(std::string("package doesn't contains required key: certificate.id"),
-                             Common::ErrorCode::CorruptedInstalledPackage));
-    writeText(file, "[general]\nid=x\n[certificate]\nsubgroup=s\n");
-    EXPECT_EQ(errorOf([&] { Database::readPackageDataFile(file); }).first,
-              "package doesn't contains required key: general.version");
-    writeText(file, "[general]\nid=x\nversion=1\nextra=kept\n[certificate]\nsubgroup=s\nid=c\n"
-                    "[vendor]\nnote=also kept\n");
-    data = Database::readPackageDataFile(file);
     EXPECT_EQ(data["general.extra"], "kept");
     EXPECT_EQ(data["vendor.note"], "also kept");
 
-    writeText(file, "[general]\nid=x\nid=y\n");
-    EXPECT_EQ(errorOf([&] { Database::readPackageDataFile(file); }).first,
-              "couldn't parse velmor.pkg file: " + file.string());
+    const std::pair<std::string, std::string> bad[] = {
+        {"[general]\nid=x\nversion=1\n[certificate]\nsubgroup=s\n",
+         "package doesn't contains required key: certificate.id"},
+        {"[general]\nid=x\n[certificate]\nsubgroup=s\n",
+         "package doesn't contains required key: general.version"},
+        {"[general]\nid=x\nid=y\n", "couldn't parse velmor.pkg file: " + file.string()},
+    };
+    for (const auto& [text, message] : bad) {
+        writeFile(file, text);
+        EXPECT_EQ(errorOf([&] { Database::readPackageDataFile(file); },
+                          Common::ErrorCode::CorruptedInstalledPackage),
+                  message);
+    }
     fs::remove(file);
-    EXPECT_EQ(errorOf([&] { Database::readPackageDataFile(file); }).first,
+    EXPECT_EQ(errorOf([&] { Database::readPackageDataFile(file); },
+                      Common::ErrorCode::CorruptedInstalledPackage),
               "velmor.pkg doesn't exist: " + file.string());
-
-    EXPECT_EQ(errorOf([&] {
-                  Database::writePackageDataFile({"x", {}, {}}, "1", {}, directory / "missing");
-              }),
-              std::make_pair("couldn't create velmor.pkg file " +
-                                 (directory / "missing" / "velmor.pkg").string(),
-                             Common::ErrorCode::Filesystem));
-    fs::remove_all(directory);
+    EXPECT_EQ(
+        errorOf([&] {
+            Database::writePackageDataFile({"x", {}, {}}, "1", {}, directory.path() / "missing");
+        }),
+        "couldn't create velmor.pkg file " +
+            (directory.path() / "missing" / "velmor.pkg").string());
 }

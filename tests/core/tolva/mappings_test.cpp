@@ -1,4 +1,5 @@
-#include "core/tolva/list_file.hpp"
+// Mapping runs in the sandbox, into the real system directories.
+
 #include "core/tolva/mappings.hpp"
 #include "tests/support/file_checks.hpp"
 #include "tests/support/sandboxed_test.hpp"
@@ -9,14 +10,8 @@
 namespace fs = std::filesystem;
 using namespace Core::Tolva;
 using namespace TestSupport;
-using enum MappingKind;
 
 namespace {
-
-std::vector<std::string> sorted(std::vector<std::string> values) {
-    std::sort(values.begin(), values.end());
-    return values;
-}
 
 bool isLinkTo(const fs::path& path, const fs::path& target) {
     return fs::is_symlink(fs::symlink_status(path)) && fs::read_symlink(path) == target;
@@ -33,216 +28,100 @@ bool absent(const fs::path& path) {
     return !fs::exists(fs::symlink_status(path));
 }
 
-void makeAppendOnly(const fs::path& directory) {
-    fs::create_directories(directory);
-    const auto chattr = runProgram({"chattr", "+a", directory.string()});
-    if (chattr.status != 0)
-        throw std::runtime_error("chattr +a " + directory.string() + ": " + chattr.err);
+// What a mapping run that must fail as a whole logs.
+std::string failedRun(const fs::path& version, const std::string& id) {
+    std::string message;
+    const auto log = captureStderr([&] {
+        message = errorOf([&] { createMappings(version, {id, {}, {}}); });
+    });
+    EXPECT_EQ(message, "couldn't create mappings");
+    return log;
 }
 
 } // namespace
 
-TEST(IsMapping, LinksAndMarkedRegularFilesOnly) {
-    SANDBOXED([] {
-        const fs::path dir = "/usr/share/applications";
-        writeFile(dir / "marked.desktop", "[Desktop Entry]\n");
-        putAttribute(dir / "marked.desktop", mappingMarkerAttribute, "/opt/app/demo/1-1/manifest");
-        writeFile(dir / "empty-marker.desktop", "");
-        putAttribute(dir / "empty-marker.desktop", mappingMarkerAttribute, "");
-        writeFile(dir / "system.desktop", "[Desktop Entry]\n");
-        putAttribute(dir / "system.desktop", "user.other", "x");
-        fs::create_symlink(dir / "system.desktop", dir / "link.desktop");
-        fs::create_symlink("/nowhere", dir / "dangling.desktop");
-        fs::create_symlink("/usr/share", dir / "dir-link");
-        fs::create_directory(dir / "marked-dir");
-        putAttribute(dir / "marked-dir", mappingMarkerAttribute, "/opt/app/demo");
-
-        EXPECT_TRUE(isMapping(dir / "marked.desktop"));
-        EXPECT_TRUE(isMapping(dir / "empty-marker.desktop"));
-        EXPECT_TRUE(isMapping(dir / "link.desktop"));
-        EXPECT_TRUE(isMapping(dir / "dangling.desktop"));
-        EXPECT_TRUE(isMapping(dir / "dir-link"));
-        EXPECT_FALSE(isMapping(dir / "system.desktop"));
-        EXPECT_FALSE(isMapping(dir / "marked-dir"));
-        EXPECT_FALSE(isMapping(dir / "missing.desktop"));
-        EXPECT_FALSE(isMapping(dir / "system.desktop" / "below"));
-        EXPECT_FALSE(isMapping("/dev/null"));
-    });
-}
-
-TEST(WriteListFile, OnePlainPathPerLineAndFailuresNamed) {
-    SANDBOXED([] {
-        const fs::path list = "/opt/list/symlink.list";
-        writeFile(list, "an older list that is longer than the new one\n");
-        writeListFile(list, {"/usr/bin/tool", R"(/usr/share/a "b"\c d)", "relative"}, "open",
-                      "write");
-        EXPECT_EQ(readFile(list), "/usr/bin/tool\n/usr/share/a \"b\"\\c d\nrelative\n");
-        writeListFile(list, {}, "open", "write");
-        EXPECT_EQ(readFile(list), "");
-
-        EXPECT_EQ(errorOf([] { writeListFile("/opt/list", {"/x"}, "open failed", "w"); }),
-                  "open failed");
-        EXPECT_EQ(errorOf([] { writeListFile("/dev/full", {"/x"}, "o", "write failed"); }),
-                  "write failed");
-        // No line, nothing to fail on.
-        writeListFile("/dev/full", {}, "o", "write failed");
-    });
-}
-
-TEST(MappingTable, RowsFollowTheNamesAndTheLib64Flag) {
-    const auto plain = mappingTable({"demo", std::nullopt, std::nullopt}, false);
-    ASSERT_EQ(plain.size(), 19u);
-    EXPECT_EQ(plain[3], (MappingRule{"/usr/lib/3rdparty/demo/", "3rdparty", Copy}));
-    EXPECT_EQ(plain[15], (MappingRule{"/usr/libexec/demo/", "libexec", Symlink}));
-    std::vector<std::string> copied;
-    for (const auto& rule : plain)
-        if (rule.kind == Copy)
-            copied.push_back(rule.packageSubdir);
-    EXPECT_EQ(copied, (std::vector<std::string>{"connman/plugin", "3rdparty", "ventoral-vpn",
-                                                "connman/config"}));
-
-    const MappingRule vendorCommon{"/usr/share/common/kelvo/", "vendor-common", Copy};
-    const MappingRule common{"/usr/share/common/kelvo/notes/", "common", Symlink};
-    EXPECT_EQ(mappingTable({"demo", "", "notes"}, false), plain);
-    EXPECT_EQ(mappingTable({"demo", std::nullopt, "notes"}, false), plain);
-    for (const auto& appName : {std::optional<std::string>{}, std::optional<std::string>{""}}) {
-        const auto withOrg = mappingTable({"demo", "kelvo", appName}, false);
-        ASSERT_EQ(withOrg.size(), 20u);
-        EXPECT_EQ(withOrg.back(), vendorCommon);
-    }
-    const auto both = mappingTable({"demo", "kelvo", "notes"}, false);
-    ASSERT_EQ(both.size(), 21u);
-    EXPECT_EQ(both[19], vendorCommon);
-    EXPECT_EQ(both[20], common);
-    EXPECT_TRUE(std::equal(plain.begin(), plain.end(), both.begin()));
-
-    // The lib64 twins follow, in row order, for the /usr/lib/ rows alone (not /usr/libexec/).
-    const auto lib64 = mappingTable({"demo", "kelvo", "notes"}, true);
-    ASSERT_EQ(lib64.size(), 24u);
-    EXPECT_TRUE(std::equal(both.begin(), both.end(), lib64.begin()));
-    EXPECT_EQ(lib64[21], (MappingRule{"/usr/lib64/connman/plugins-vpn/", "connman/plugin", Copy}));
-    EXPECT_EQ(lib64[22], (MappingRule{"/usr/lib64/qt5/qml/", "qt5/qml", Symlink}));
-    EXPECT_EQ(lib64[23], (MappingRule{"/usr/lib64/3rdparty/demo/", "3rdparty", Copy}));
-    EXPECT_EQ(mappingTable({"demo", std::nullopt, std::nullopt}, true).size(), 22u);
-
-    // Read the other way, the table places installed files into the package tree.
-    const auto rules = remapRules(both);
+TEST(MappingTable, NamesAddTheOrganisationRowsAndLib64TwinsTheLibRows) {
+    // Organisation rows need a non-empty organisation name, the application row both names.
+    const std::pair<PackageNames, std::size_t> rows[] = {
+        {{"demo", "", "notes"}, 19}, {{"demo", {}, "notes"}, 19}, {{"demo", "kelvo", ""}, 20}};
+    for (const auto& [names, count] : rows)
+        EXPECT_EQ(mappingTable(names, false).size(), count);
+    // Read the other way, the table places installed files into the package tree; the
+    // organisation's directory comes first and takes the application's files too.
+    const auto rules = remapRules(mappingTable({"demo", "kelvo", "notes"}, false));
     EXPECT_EQ(Common::remapPath("/usr/share/applications/demo.desktop", rules),
               fs::path("manifest/demo.desktop"));
-    EXPECT_EQ(Common::remapPath("/usr/lib/3rdparty/demo/libfoo.so.1", rules),
-              fs::path("3rdparty/libfoo.so.1"));
-    // The organisation's directory comes first and takes the application's files too.
     EXPECT_EQ(Common::remapPath("/usr/share/common/kelvo/notes/app.conf", rules),
               fs::path("vendor-common/notes/app.conf"));
 }
 
-namespace {
-
-const fs::path demoVersion = "/opt/app/demo.notes/1.0-1";
-const PackageNames demoNames{"demo.notes", "kelvo", "notes"};
-
-// A package version that uses every kind of mapping.
-void makeDemoPackage() {
-    const fs::path& v = demoVersion;
-    writeFile(v / "bin/demo-notes", "#!/bin/sh\n");
-    writeFile(v / "manifest/demo.notes.desktop", "[Desktop Entry]\n");
-    writeFile(v / "data/qml/main.qml", "Item {}\n");
-    fs::create_directories(v / "data/empty");
-    writeFile(v / "icons/hicolor/86x86/apps/demo.notes.png", "png");
-    writeFile(v / "3rdparty/libfoo.so.1", std::string("\177ELF\0foo", 8));
-    putAttribute(v / "3rdparty/libfoo.so.1", "security.appid", "demo.notes");
-    putAttribute(v / "3rdparty/libfoo.so.1", "user.TA.shdr", std::string("\0\1", 2));
-    fs::create_symlink("libfoo.so.1", v / "3rdparty/libfoo.so");
-    fs::create_symlink("./libfoo.so.1", v / "3rdparty/libdot.so");
-    fs::create_symlink(v / "3rdparty/libfoo.so.1", v / "3rdparty/libabs.so");
-    writeFile(v / "3rdparty/plugins.d/p.so", "plugin");
-    fs::create_symlink("plugins.d", v / "3rdparty/plugins");
-    writeFile(v / "vendor-common/shared.conf", "shared");
-    writeFile(v / "common/app.conf", "app");
-    writeFile(v / "unmapped/file", "stays inside");
-}
-
-} // namespace
-
 TEST(CreateMappings, MapsEveryKindIntoTheSystemDirectories) {
     SANDBOXED([] {
-        makeDemoPackage();
-        const fs::path& v = demoVersion;
-        EXPECT_EQ(captureStderr([] { createMappings(demoVersion, demoNames); }), "");
+        const fs::path v = "/opt/app/demo.notes/1.0-1";
+        for (const char* file :
+             {"bin/demo-notes", "manifest/demo.notes.desktop", "data/qml/main.qml",
+              "data/a \"b\"\\c.qml", "icons/hicolor/86x86/apps/demo.notes.png",
+              "3rdparty/plugins.d/p.so", "vendor-common/shared.conf", "common/app.conf",
+              "unmapped/file"})
+            writeFile(v / file, file);
+        fs::create_directories(v / "data/empty");
+        writeFile(v / "3rdparty/libfoo.so.1", std::string("\177ELF\0foo", 8));
+        putAttribute(v / "3rdparty/libfoo.so.1", "security.appid", "demo.notes");
+        fs::create_symlink("libfoo.so.1", v / "3rdparty/libfoo.so");
+        fs::create_symlink("./libfoo.so.1", v / "3rdparty/libdot.so");
+        fs::create_symlink(v / "3rdparty/libfoo.so.1", v / "3rdparty/libabs.so");
+        fs::create_symlink("plugins.d", v / "3rdparty/plugins");
+        EXPECT_EQ(captureStderr([&] { createMappings(v, {"demo.notes", "kelvo", "notes"}); }), "");
 
-        EXPECT_TRUE(isLinkTo("/usr/bin/demo-notes", v / "bin/demo-notes"));
-        EXPECT_TRUE(isLinkTo("/usr/share/applications/demo.notes.desktop",
-                             v / "manifest/demo.notes.desktop"));
-        EXPECT_TRUE(isLinkTo("/usr/share/demo.notes/qml/main.qml", v / "data/qml/main.qml"));
-        EXPECT_TRUE(absent("/usr/share/demo.notes/empty"));
-        EXPECT_TRUE(isLinkTo("/usr/share/icons/hicolor/86x86/apps/demo.notes.png",
-                             v / "icons/hicolor/86x86/apps/demo.notes.png"));
-        EXPECT_TRUE(absent("/usr/share/icons/hicolor/172x172/apps/demo.notes.png"));
-        EXPECT_EQ(attribute("/usr/bin/demo-notes", mappingMarkerAttribute), std::nullopt);
+        const std::pair<fs::path, fs::path> links[] = {
+            {"/usr/bin/demo-notes", "bin/demo-notes"},
+            {"/usr/share/applications/demo.notes.desktop", "manifest/demo.notes.desktop"},
+            {"/usr/share/demo.notes/qml/main.qml", "data/qml/main.qml"},
+            {"/usr/share/icons/hicolor/86x86/apps/demo.notes.png",
+             "icons/hicolor/86x86/apps/demo.notes.png"},
+            {"/usr/share/common/kelvo/notes/app.conf", "common/app.conf"},
+        };
+        for (const auto& [mapping, source] : links)
+            EXPECT_TRUE(isLinkTo(mapping, v / source)) << mapping;
 
-        // Copies keep the package file's attributes and carry the marker.
+        // Copies keep the package file's attributes and carry the marker. A library's version
+        // link stays a link; a dot- or slash-link becomes a marked copy of what it points to.
         const fs::path lib = "/usr/lib/3rdparty/demo.notes";
-        expectMarkedCopy(lib / "libfoo.so.1", v / "3rdparty/libfoo.so.1");
-        EXPECT_EQ(attribute(lib / "libfoo.so.1", "security.appid"), "demo.notes");
-        EXPECT_EQ(attribute(lib / "libfoo.so.1", "user.TA.shdr"), std::string("\0\1", 2));
-        // A library's version link stays a link; a dot- or slash-link becomes a marked copy of
-        // what it points to.
-        EXPECT_TRUE(isLinkTo(lib / "libfoo.so", "libfoo.so.1"));
-        EXPECT_EQ(attribute(lib / "libfoo.so", mappingMarkerAttribute), std::nullopt);
-        expectMarkedCopy(lib / "libdot.so", v / "3rdparty/libdot.so");
-        expectMarkedCopy(lib / "libabs.so", v / "3rdparty/libabs.so");
+        for (const char* name : {"libfoo.so.1", "libdot.so", "libabs.so", "plugins.d/p.so"})
+            expectMarkedCopy(lib / name, v / "3rdparty" / name);
         EXPECT_EQ(attribute(lib / "libabs.so", "security.appid"), "demo.notes");
-        expectMarkedCopy(lib / "plugins.d/p.so", v / "3rdparty/plugins.d/p.so");
-        EXPECT_TRUE(absent(lib / "plugins"));
-        EXPECT_TRUE(absent("/usr/lib64/3rdparty/demo.notes"));
-
+        EXPECT_TRUE(isLinkTo(lib / "libfoo.so", "libfoo.so.1"));
+        for (const fs::path unmapped : {fs::path("/usr/share/demo.notes/empty"), lib / "plugins",
+                                        fs::path("/usr/lib64/3rdparty/demo.notes")})
+            EXPECT_TRUE(absent(unmapped)) << unmapped;
         expectMarkedCopy("/usr/share/common/kelvo/shared.conf", v / "vendor-common/shared.conf");
-        EXPECT_TRUE(isLinkTo("/usr/share/common/kelvo/notes/app.conf", v / "common/app.conf"));
 
-        const auto listed = lines(readFile(v / "symlink.list"));
-        EXPECT_EQ(sorted(listed),
-                  sorted({"/usr/bin/demo-notes", (lib / "libfoo.so.1").string(),
-                          (lib / "libfoo.so").string(), (lib / "libdot.so").string(),
-                          (lib / "libabs.so").string(), (lib / "plugins.d/p.so").string(),
-                          "/usr/share/demo.notes/qml/main.qml",
-                          "/usr/share/applications/demo.notes.desktop",
-                          "/usr/share/icons/hicolor/86x86/apps/demo.notes.png",
-                          "/usr/share/common/kelvo/shared.conf",
-                          "/usr/share/common/kelvo/notes/app.conf"}));
-        ASSERT_FALSE(listed.empty());
-        EXPECT_EQ(listed.front(), "/usr/bin/demo-notes");
-        EXPECT_EQ(listed.back(), "/usr/share/common/kelvo/notes/app.conf");
+        // Every mapping is listed once, as its plain path: the eleven above and the odd name.
+        auto listed = lines(readFile(v / "symlink.list"));
+        std::sort(listed.begin(), listed.end());
+        EXPECT_EQ(std::unique(listed.begin(), listed.end()) - listed.begin(), 12);
         for (const auto& path : listed)
             EXPECT_TRUE(isMapping(path)) << path;
-    });
-}
 
-TEST(CreateMappings, Lib64RowsOnRequest) {
-    SANDBOXED([] {
-        const fs::path v = "/opt/app/demo.lib/2-1";
-        writeFile(v / "connman/plugin/vpn.so", "vpn");
-        writeFile(v / "3rdparty/libx.so", "x");
-        writeFile(v / "libexec/helper", "helper");
-        EXPECT_EQ(captureStderr([&] { createMappings(v, {"demo.lib", {}, {}}, true); }), "");
-        EXPECT_EQ(lines(readFile(v / "symlink.list")),
-                  (std::vector<std::string>{
-                      "/usr/lib/connman/plugins-vpn/vpn.so", "/usr/lib/3rdparty/demo.lib/libx.so",
-                      "/usr/libexec/demo.lib/helper", "/usr/lib64/connman/plugins-vpn/vpn.so",
-                      "/usr/lib64/3rdparty/demo.lib/libx.so"}));
-        expectMarkedCopy("/usr/lib64/connman/plugins-vpn/vpn.so", v / "connman/plugin/vpn.so");
-        expectMarkedCopy("/usr/lib64/3rdparty/demo.lib/libx.so", v / "3rdparty/libx.so");
-        EXPECT_TRUE(isLinkTo("/usr/libexec/demo.lib/helper", v / "libexec/helper"));
-        EXPECT_TRUE(absent("/usr/lib64exec"));
+        // On request the /usr/lib/ rows get /usr/lib64/ twins, listed after the other rows.
+        const fs::path lib64 = "/opt/app/demo.lib/2-1";
+        writeFile(lib64 / "connman/plugin/vpn.so", "vpn");
+        writeFile(lib64 / "libexec/helper", "helper");
+        EXPECT_EQ(captureStderr([&] { createMappings(lib64, {"demo.lib", {}, {}}, true); }), "");
+        EXPECT_EQ(lines(readFile(lib64 / "symlink.list")),
+                  (std::vector<std::string>{"/usr/lib/connman/plugins-vpn/vpn.so",
+                                            "/usr/libexec/demo.lib/helper",
+                                            "/usr/lib64/connman/plugins-vpn/vpn.so"}));
+        expectMarkedCopy("/usr/lib64/connman/plugins-vpn/vpn.so", lib64 / "connman/plugin/vpn.so");
     });
 }
 
 TEST(CreateMappings, ReplacesLeftoverMappingsButNeverASystemFile) {
     SANDBOXED([] {
         const fs::path v = "/opt/app/demo.notes/2.0-1";
-        writeFile(v / "bin/demo-notes", "new");
-        writeFile(v / "manifest/demo.notes.desktop", "new");
-        writeFile(v / "3rdparty/libfoo.so.1", "new");
-        writeFile(v / "data/a", "new");
+        for (const char* file : {"bin/demo-notes", "manifest/demo.notes.desktop",
+                                 "3rdparty/libfoo.so.1", "data/a", "connman/plugin/vpn.so"})
+            writeFile(v / file, "new");
         // What an earlier install left behind: links (one of them dangling) and marked copies,
         // one of them in the lib64 directory that this install does not map to.
         writeFile("/opt/app/demo.notes/1.0-1/bin/demo-notes", "old");
@@ -256,6 +135,9 @@ TEST(CreateMappings, ReplacesLeftoverMappingsButNeverASystemFile) {
             putAttribute(lib / "libfoo.so.1", mappingMarkerAttribute, "/opt/app/demo.notes/1.0-1");
         }
         writeFile("/usr/lib64/3rdparty/demo.notes/unrelated", "system");
+        // A dangling link where no mapping is made counts as nothing there.
+        fs::create_directories("/usr/lib64/connman/plugins-vpn");
+        fs::create_symlink("/nowhere", "/usr/lib64/connman/plugins-vpn/vpn.so");
 
         EXPECT_EQ(captureStderr([&] { createMappings(v, {"demo.notes", {}, {}}); }), "");
         EXPECT_TRUE(isLinkTo("/usr/bin/demo-notes", v / "bin/demo-notes"));
@@ -264,42 +146,28 @@ TEST(CreateMappings, ReplacesLeftoverMappingsButNeverASystemFile) {
         expectMarkedCopy("/usr/lib/3rdparty/demo.notes/libfoo.so.1", v / "3rdparty/libfoo.so.1");
         EXPECT_TRUE(absent("/usr/lib64/3rdparty/demo.notes/libfoo.so.1"));
         EXPECT_EQ(readFile("/usr/lib64/3rdparty/demo.notes/unrelated"), "system");
+        EXPECT_TRUE(isLinkTo("/usr/lib64/connman/plugins-vpn/vpn.so", "/nowhere"));
         EXPECT_EQ(lines(readFile(v / "symlink.list")),
                   (std::vector<std::string>{
-                      "/usr/bin/demo-notes", "/usr/lib/3rdparty/demo.notes/libfoo.so.1",
-                      "/usr/share/demo.notes/a", "/usr/share/applications/demo.notes.desktop"}));
+                      "/usr/bin/demo-notes", "/usr/lib/connman/plugins-vpn/vpn.so",
+                      "/usr/lib/3rdparty/demo.notes/libfoo.so.1", "/usr/share/demo.notes/a",
+                      "/usr/share/applications/demo.notes.desktop"}));
 
-        // A system file without the marker stops the run; what was made before it goes again.
+        // A system file without the marker stops the run, at a lib64 place too; what was made
+        // before it goes again, and no list is written.
         const fs::path clash = "/opt/app/demo.clash/1-1";
         writeFile(clash / "bin/clash", "tool");
-        writeFile(clash / "manifest/demo.clash.desktop", "package");
-        writeFile("/usr/share/applications/demo.clash.desktop", "system");
-        putAttribute("/usr/share/applications/demo.clash.desktop", "user.other", "x");
-        std::string message;
-        auto err = captureStderr([&] {
-            message = errorOf([&] { createMappings(clash, {"demo.clash", {}, {}}); });
-        });
-        EXPECT_EQ(message, "couldn't create mappings");
-        EXPECT_EQ(err, "ERROR: attempt to override system file with package mapping: "
-                       "/usr/share/applications/demo.clash.desktop\n"
-                       "INFO: cleaning up created mappings\n");
-        EXPECT_EQ(readFile("/usr/share/applications/demo.clash.desktop"), "system");
+        writeFile(clash / "3rdparty/libz.so", "package");
+        writeFile("/usr/lib64/3rdparty/demo.clash/libz.so", "system");
+        putAttribute("/usr/lib64/3rdparty/demo.clash/libz.so", "user.other", "x");
+        EXPECT_EQ(failedRun(clash, "demo.clash"),
+                  "ERROR: attempt to override system file with package mapping: "
+                  "/usr/lib64/3rdparty/demo.clash/libz.so\n"
+                  "INFO: cleaning up created mappings\n");
+        EXPECT_EQ(readFile("/usr/lib64/3rdparty/demo.clash/libz.so"), "system");
         EXPECT_TRUE(absent("/usr/bin/clash"));
+        EXPECT_TRUE(absent("/usr/lib/3rdparty/demo.clash/libz.so"));
         EXPECT_TRUE(absent(clash / "symlink.list"));
-
-        // The lib64 places are checked even when nothing is mapped there.
-        const fs::path lib64Clash = "/opt/app/demo.lib64/1-1";
-        writeFile(lib64Clash / "3rdparty/libz.so", "package");
-        writeFile("/usr/lib64/3rdparty/demo.lib64/libz.so", "system");
-        err = captureStderr([&] {
-            message = errorOf([&] { createMappings(lib64Clash, {"demo.lib64", {}, {}}); });
-        });
-        EXPECT_EQ(message, "couldn't create mappings");
-        EXPECT_EQ(err, "ERROR: attempt to override system file with package mapping: "
-                       "/usr/lib64/3rdparty/demo.lib64/libz.so\n"
-                       "INFO: cleaning up created mappings\n");
-        EXPECT_TRUE(absent("/usr/lib/3rdparty/demo.lib64/libz.so"));
-        EXPECT_EQ(readFile("/usr/lib64/3rdparty/demo.lib64/libz.so"), "system");
 
         // A leftover that cannot be removed stops the run as well.
         const fs::path stuck = "/opt/app/demo.stuck/1-1";
@@ -308,15 +176,10 @@ TEST(CreateMappings, ReplacesLeftoverMappingsButNeverASystemFile) {
         mountFresh("tmpfs", "/usr/share/demo.stuck");
         fs::create_symlink("/opt/app/demo.stuck/0-1/data/x", "/usr/share/demo.stuck/x");
         makeAppendOnly("/usr/share/demo.stuck");
-        err = captureStderr([&] {
-            message = errorOf([&] { createMappings(stuck, {"demo.stuck", {}, {}}); });
-        });
-        EXPECT_EQ(message, "couldn't create mappings");
-        const auto cause = removalFailure("/usr/share/demo.stuck/x");
-        ASSERT_FALSE(cause.empty());
-        EXPECT_EQ(err, "ERROR: " + cause + "\n" +
-                           "ERROR: couldn't clean up existing mapping: /usr/share/demo.stuck/x\n" +
-                           "INFO: cleaning up created mappings\n");
+        EXPECT_EQ(failedRun(stuck, "demo.stuck"),
+                  "ERROR: " + removalFailure("/usr/share/demo.stuck/x") + "\n" +
+                      "ERROR: couldn't clean up existing mapping: /usr/share/demo.stuck/x\n" +
+                      "INFO: cleaning up created mappings\n");
         EXPECT_TRUE(absent("/usr/bin/stuck"));
         EXPECT_TRUE(isLinkTo("/usr/share/demo.stuck/x", "/opt/app/demo.stuck/0-1/data/x"));
     });
@@ -325,10 +188,9 @@ TEST(CreateMappings, ReplacesLeftoverMappingsButNeverASystemFile) {
 TEST(CreateMappings, AFailureInTheMiddleRemovesEveryMappingMadeSoFar) {
     SANDBOXED([] {
         const fs::path v = "/opt/app/demo.notes/1.0-1";
-        writeFile(v / "bin/tool", "tool");
-        writeFile(v / "data/locked/file", "data");
-        writeFile(v / "data/free/file", "data");
-        writeFile(v / "connman/config/sub/vpn.conf", "config");
+        for (const char* file :
+             {"bin/tool", "data/locked/file", "data/free/file", "connman/config/sub/vpn.conf"})
+            writeFile(v / file, "data");
         // The package's data directory does not let its mappings go; the VPN configuration
         // directory has room for the copy but not for its marker, and does not let it go.
         mountFresh("tmpfs", "/usr/share/demo.notes");
@@ -336,61 +198,51 @@ TEST(CreateMappings, AFailureInTheMiddleRemovesEveryMappingMadeSoFar) {
         mountFresh("tmpfs", "/etc/connman/vpn-plugin", "nr_inodes=3");
         makeAppendOnly("/etc/connman/vpn-plugin/sub");
 
-        const fs::path mapping = "/etc/connman/vpn-plugin/sub/vpn.conf";
-        const fs::path failed = "/etc/connman/vpn-plugin/sub/.vpn.conf.tolva-mapping";
-        std::string message;
-        const auto err = captureStderr([&] {
-            message = errorOf([&] { createMappings(v, {"demo.notes", {}, {}}); });
-        });
-        EXPECT_EQ(message, "couldn't create mappings");
-        const auto cannotRemoveCopy = removalFailure(failed);
-        const auto cannotRemoveLink = removalFailure("/usr/share/demo.notes/locked/file");
-        ASSERT_FALSE(cannotRemoveCopy.empty());
-        ASSERT_FALSE(cannotRemoveLink.empty());
-        EXPECT_EQ(err, "WARN: couldn't remove prepared mapping: \"" + failed.string() + "\"\n" +
-                           "WARN: " + cannotRemoveCopy + "\n" +
-                           "ERROR: couldn't create mapping \"" +
-                           (v / "connman/config/sub/vpn.conf").string() + "\" -> \"" +
-                           mapping.string() + "\"\n" +
+        const std::string mapping = "/etc/connman/vpn-plugin/sub/vpn.conf";
+        const std::string failed = "/etc/connman/vpn-plugin/sub/.vpn.conf.tolva-mapping";
+        const auto log = failedRun(v, "demo.notes");
+        EXPECT_EQ(log, "WARN: couldn't remove prepared mapping: \"" + failed + "\": " +
+                           removalFailure(failed) + "\n" + "ERROR: couldn't create mapping \"" +
+                           v.string() + "/connman/config/sub/vpn.conf\" -> \"" + mapping + "\"\n" +
                            "ERROR: couldn't attach user.tolva.mapping.target extended attribute "
                            "to " +
-                           failed.string() + "\n" + "INFO: cleaning up created mappings\n" +
+                           failed + "\n" + "INFO: cleaning up created mappings\n" +
                            "WARN: couldn't clean up created mapping: "
                            "\"/usr/share/demo.notes/locked/file\"\n" +
-                           "WARN: " + cannotRemoveLink + "\n");
+                           "WARN: " + removalFailure("/usr/share/demo.notes/locked/file") + "\n");
         EXPECT_TRUE(absent("/usr/bin/tool"));
         EXPECT_TRUE(absent("/usr/share/demo.notes/free/file"));
         EXPECT_TRUE(absent(v / "symlink.list"));
     });
 }
 
-TEST(CreateMappings, AFailedListRemovesTheMappingsAndTheList) {
+TEST(CreateMappings, AFailedListRemovesTheMappingsAndKeepsTheOldList) {
     SANDBOXED([] {
-        // The version directory lies on a file system that is full once the package is in.
-        mountFresh("tmpfs", "/opt/app/demo.full", "size=4k");
+        // The version directory lies on a file system that the old list and a filler fill;
+        // the new list would need more than the old list's page.
+        mountFresh("tmpfs", "/opt/app/demo.full", "size=8k");
         const fs::path v = "/opt/app/demo.full/1-1";
-        writeFile(v / "bin/tool", std::string(4096, 't'));
-        std::string message;
-        auto err = captureStderr([&] {
-            message = errorOf([&] { createMappings(v, {"demo.full", {}, {}}); });
-        });
-        EXPECT_EQ(message, "couldn't create mappings");
-        EXPECT_EQ(err, "ERROR: couldn't write lines to mapping list\n"
-                       "INFO: cleaning up created mappings\n");
-        EXPECT_TRUE(absent("/usr/bin/tool"));
-        EXPECT_TRUE(absent(v / "symlink.list"));
+        writeFile(v / "symlink.list", "/usr/bin/old\n");
+        writeFile(v / "filler", std::string(4096, 'f'));
+        const std::string name(120, 't');
+        for (int i = 0; i < 40; ++i)
+            writeFile(v / "bin" / (name + std::to_string(i)), "");
+        EXPECT_EQ(failedRun(v, "demo.full"), "ERROR: couldn't write lines to mapping list\n"
+                                             "INFO: cleaning up created mappings\n");
+        EXPECT_TRUE(absent("/usr/bin/" + name + "0"));
+        EXPECT_EQ(readFile(v / "symlink.list"), "/usr/bin/old\n");
+        std::size_t left = 0;
+        for ([[maybe_unused]] const auto& entry : fs::directory_iterator(v))
+            ++left;
+        EXPECT_EQ(left, 3u); // bin, filler and the list: no temporary file
 
         const fs::path other = "/opt/app/demo.dir/1-1";
         writeFile(other / "bin/other", "other");
-        fs::create_directories(other / "symlink.list");
-        err = captureStderr([&] {
-            message = errorOf([&] { createMappings(other, {"demo.dir", {}, {}}); });
-        });
-        EXPECT_EQ(message, "couldn't create mappings");
-        EXPECT_EQ(err, "ERROR: couldn't open file to create mapping list\n"
-                       "INFO: cleaning up created mappings\n");
+        fs::create_directories(other / "symlink.list/inside");
+        EXPECT_EQ(failedRun(other, "demo.dir"), "ERROR: couldn't open file to create mapping list\n"
+                                                "INFO: cleaning up created mappings\n");
         EXPECT_TRUE(absent("/usr/bin/other"));
-        EXPECT_TRUE(fs::is_directory(other / "symlink.list"));
+        EXPECT_TRUE(fs::is_directory(other / "symlink.list/inside"));
     });
 }
 
@@ -411,21 +263,15 @@ TEST(CreateMappings, ALinkThatCannotBeCopiedBecomesAMarkedCopy) {
         std::string target;
         while (target.size() <= 1024)
             target += "sub/../";
-        target += "libfoo.so.1";
-        fs::create_symlink(target, v / "3rdparty/libfoo.so");
+        fs::create_symlink(target + "libfoo.so.1", v / "3rdparty/libfoo.so");
 
-        const auto err = captureStderr([&] { createMappings(v, {"demo.long", {}, {}}); });
-        const auto logged = lines(err);
-        ASSERT_EQ(logged.size(), 3u) << err;
-        EXPECT_EQ(logged[0],
-                  "WARN: Coulnd't create copy of symlink during mappings generation: \"" +
-                      (v / "3rdparty/libfoo.so").string() + "\"");
-        EXPECT_TRUE(logged[1].starts_with("WARN: ") &&
-                    logged[1].find("File name too long") != std::string::npos)
-            << logged[1];
-        EXPECT_EQ(logged[2], "INFO: Trying to copy content of the symlink target");
+        const auto logged = lines(captureStderr([&] { createMappings(v, {"demo.long", {}, {}}); }));
+        ASSERT_EQ(logged.size(), 2u);
+        EXPECT_TRUE(logged[0].starts_with(
+            "WARN: Coulnd't create copy of symlink during mappings generation: \"" + v.string() +
+            "/3rdparty/libfoo.so\": "));
+        EXPECT_NE(logged[0].find("File name too long"), std::string::npos) << logged[0];
+        EXPECT_EQ(logged[1], "INFO: Trying to copy content of the symlink target");
         expectMarkedCopy(lib / "libfoo.so", v / "3rdparty/libfoo.so");
-        EXPECT_EQ(readFile(lib / "libfoo.so"), "foo");
-        expectMarkedCopy(lib / "libfoo.so.1", v / "3rdparty/libfoo.so.1");
     });
 }

@@ -1,8 +1,10 @@
 #include "platform/package_signatures/cms.hpp"
 #include "platform/package_signatures/file_with_cmses.hpp"
 #include "platform/package_signatures/signing.hpp"
-#include "tests/support/test_pki.hpp"
+#include "tests/support/signed_packages.hpp"
 
+#include <algorithm>
+#include <cstdio>
 #include <ctime>
 #include <gtest/gtest.h>
 #include <openssl/sha.h>
@@ -10,15 +12,11 @@
 namespace {
 
 using namespace PackageSignatures;
+using TestSupport::pkiIdentity;
 using TestSupport::TestPki;
 
 // 2020-06-01, inside the validity of developer-expired.
 constexpr std::time_t midway2020 = 1590969600;
-
-SigningIdentity identity(const std::string& name) {
-    return SigningIdentity::fromPemFiles(TestPki::shared().key(name),
-                                         TestPki::shared().certificate(name));
-}
 
 BioPtr memory(const std::string& content) {
     return BioPtr(BIO_new_mem_buf(content.data(), static_cast<int>(content.size())));
@@ -26,7 +24,7 @@ BioPtr memory(const std::string& content) {
 
 Cms sign(const std::string& signer, const std::string& content, const FileSignatures& files = {},
          std::optional<std::time_t> at = std::nullopt) {
-    return signContent(identity(signer), memory(content).get(), files, at);
+    return signContent(pkiIdentity(signer), memory(content).get(), files, at);
 }
 
 std::optional<std::string> verify(const Cms& cms, const std::string& content,
@@ -41,17 +39,30 @@ Bytes sha256Of(const std::string& data) {
     return digest;
 }
 
-bool signatureHolds(const Certificate& signer, const Bytes& signature, const Bytes& digest) {
-    EvpPkeyCtxPtr context(EVP_PKEY_CTX_new(X509_get0_pubkey(signer.get()), nullptr));
-    return context && EVP_PKEY_verify_init(context.get()) == 1 &&
-           EVP_PKEY_CTX_set_signature_md(context.get(), EVP_sha256()) == 1 &&
-           EVP_PKEY_verify(context.get(), signature.data(), signature.size(), digest.data(),
-                           digest.size()) == 1;
-}
-
 const std::string content = std::string("main header\r\n\0payload\n", 23) + std::string(5000, 'x');
 
-TEST(Cms, SignatureHoldsOverTheExactBytesForSignersWithAPackageSigningUse) {
+// CMS structures of shapes that signContent never makes, straight from OpenSSL.
+Bytes der(CMS_ContentInfo* cms) {
+    unsigned char* bytes = nullptr;
+    const int size = i2d_CMS_ContentInfo(cms, &bytes);
+    Bytes result(bytes, bytes + std::max(size, 0));
+    OPENSSL_free(bytes);
+    return result;
+}
+
+Bytes signedData(const std::vector<std::string>& signers, const EVP_MD* digest,
+                 unsigned int detached = CMS_DETACHED) {
+    const unsigned int flags = CMS_BINARY | CMS_PARTIAL | detached;
+    CmsPtr cms(CMS_sign(nullptr, nullptr, nullptr, nullptr, flags));
+    for (const auto& name : signers) {
+        const auto signer = pkiIdentity(name);
+        CMS_add1_signer(cms.get(), signer.certificate.get(), signer.key.get(), digest, flags);
+    }
+    CMS_final(cms.get(), memory(content).get(), nullptr, flags);
+    return der(cms.get());
+}
+
+TEST(Cms, SignatureHoldsOverTheExactBytesForPackageSignersValidWhenSigning) {
     const Cms cms = sign("developer", content);
     EXPECT_EQ(verify(cms, content), std::nullopt);
     ASSERT_TRUE(cms.signingTime().has_value());
@@ -59,7 +70,7 @@ TEST(Cms, SignatureHoldsOverTheExactBytesForSignersWithAPackageSigningUse) {
     std::string changed = content;
     changed[13] = '\n'; // CRLF to LF: binary content must not be normalised
     EXPECT_NE(verify(cms, changed), std::nullopt);
-    EXPECT_NE(verify(cms, content + "x"), std::nullopt);
+    EXPECT_NE(verify(cms, content, "ca2"), std::nullopt);
     EXPECT_EQ(verify(sign("developer-rsa", content), content), std::nullopt);
     EXPECT_EQ(verify(sign("client", content), content), std::nullopt);
 
@@ -68,9 +79,8 @@ TEST(Cms, SignatureHoldsOverTheExactBytesForSignersWithAPackageSigningUse) {
     const auto noSigning = verify(sign("developer-no-signing", content), content);
     ASSERT_TRUE(noSigning.has_value());
     EXPECT_NE(noSigning->find("excludes signing"), std::string::npos) << *noSigning;
-}
 
-TEST(Cms, ValidityIsCheckedAtTheSigningTime) {
+    // Validity is checked at the signing time.
     const Cms old = sign("developer-expired", content, {}, midway2020);
     EXPECT_EQ(old.signingTime(), midway2020);
     EXPECT_EQ(verify(old, content), std::nullopt);
@@ -87,79 +97,108 @@ TEST(Cms, ValidityIsCheckedAtTheSigningTime) {
     EXPECT_NE(future->find("lies in the future"), std::string::npos) << *future;
 }
 
-TEST(Cms, FileSignaturesTravelInsideTheSignature) {
-    const auto developer = identity("developer");
+TEST(Cms, FileSignaturesTravelInsideTheSignatureAndHoldOnlyForTheirSigner) {
+    const auto developer = pkiIdentity("developer");
     const Bytes digest = sha256Of("file three");
     FileSignatures files;
     files[3] = {imaFileSignature(developer, digest), trustletSignature(developer, digest)};
     files[17] = {{0x03, 0x02}, {}};
     const Cms cms = sign("developer", content, files);
     EXPECT_EQ(verify(cms, content), std::nullopt);
-
     const unsigned char* cursor = cms.der().data();
     const Cms again = Cms::readDer(cursor, cms.der().size());
     EXPECT_EQ(again.fileSignatures(), files);
-    EXPECT_EQ(again.fileSignature(3), files[3].fileSignature);
     EXPECT_EQ(again.trustletSignature(3), files[3].trustletSignature);
-    EXPECT_EQ(again.fileSignature(17), (Bytes{0x03, 0x02}));
-    EXPECT_EQ(again.trustletSignature(17), Bytes());
     EXPECT_EQ(again.fileSignature(4), Bytes());
-    EXPECT_EQ(again.trustletSignature(0), Bytes());
-    EXPECT_TRUE(sign("client", content).fileSignatures().empty());
-}
 
-TEST(Cms, FileSignatureFormatsCarryAVerifiableSignatureOfTheDigest) {
-    for (const char* name : {"developer", "developer-rsa", "developer-no-key-id"}) {
-        SCOPED_TRACE(name);
-        const auto signer = identity(name);
-        const Bytes digest = sha256Of(name);
-        const Bytes ima = imaFileSignature(signer, digest);
-        ASSERT_GT(ima.size(), 9u);
-        EXPECT_EQ(ima[0], 0x03);
-        EXPECT_EQ(ima[1], 0x02);
-        EXPECT_EQ(ima[2], 4);
-        const std::string keyId = signer.certificate.keyId();
-        char tail[9];
-        std::snprintf(tail, sizeof tail, "%02x%02x%02x%02x", ima[3], ima[4], ima[5], ima[6]);
-        EXPECT_EQ(tail, keyId.substr(keyId.size() - 8));
-        EXPECT_EQ(std::size_t(ima[7]) << 8 | ima[8], ima.size() - 9);
-        EXPECT_TRUE(signatureHolds(signer.certificate, Bytes(ima.begin() + 9, ima.end()), digest));
-
-        const Bytes trustlet = trustletSignature(signer, digest);
-        EXPECT_TRUE(signatureHolds(signer.certificate, trustlet, digest));
-        EXPECT_FALSE(signatureHolds(signer.certificate, trustlet, sha256Of("other")));
+    // The IMA v2 header: type 3, version 2, SHA-256 (4), the key id's last 4 bytes, the length;
+    // an RSA key signs as well as an EC one.
+    const Bytes ima = imaFileSignature(developer, digest);
+    ASSERT_GT(ima.size(), 9u);
+    char header[32];
+    std::snprintf(header, sizeof header, "%02x%02x%02x %02x%02x%02x%02x %u", ima[0], ima[1], ima[2],
+                  ima[3], ima[4], ima[5], ima[6], unsigned(ima[7] << 8 | ima[8]));
+    const std::string keyId = developer.certificate.keyId();
+    EXPECT_EQ(header,
+              "030204 " + keyId.substr(keyId.size() - 8) + " " + std::to_string(ima.size() - 9));
+    EXPECT_TRUE(imaFileSignatureHolds(developer.certificate, ima, digest));
+    const auto rsa = pkiIdentity("developer-rsa");
+    EXPECT_TRUE(imaFileSignatureHolds(rsa.certificate, imaFileSignature(rsa, digest), digest));
+    EXPECT_TRUE(trustletSignatureHolds(rsa.certificate, trustletSignature(rsa, digest), digest));
+    const auto changedAt = [&](std::size_t at) {
+        Bytes changed = ima;
+        changed.at(at) ^= 0x01;
+        return changed;
+    };
+    const auto other = pkiIdentity("developer-system").certificate;
+    struct Bad {
+        const char* what;
+        Certificate signer;
+        Bytes signature;
+    };
+    const Bad bad[] = {
+        {"another signer", other, ima},
+        {"hash algorithm", developer.certificate, changedAt(2)},
+        {"key id", developer.certificate, changedAt(5)},
+        {"length", developer.certificate, changedAt(8)},
+        {"signature", developer.certificate, changedAt(ima.size() - 1)},
+    };
+    for (const auto& [what, signer, signature] : bad) {
+        SCOPED_TRACE(what);
+        EXPECT_FALSE(imaFileSignatureHolds(signer, signature, digest));
     }
+    EXPECT_FALSE(imaFileSignatureHolds(developer.certificate, ima, sha256Of("other")));
+    EXPECT_FALSE(trustletSignatureHolds(other, trustletSignature(developer, digest), digest));
 }
 
 TEST(Cms, MalformedDataIsRefusedWithAReason) {
     const Cms cms = sign("developer", content);
-    const auto readAll = [](const Bytes& bytes) { return cmsesFromSignatureTag(bytes).size(); };
     Bytes two = cms.der();
     two.insert(two.end(), cms.der().begin(), cms.der().end());
-    EXPECT_EQ(readAll(two), 2u);
-    EXPECT_THROW(readAll({}), std::runtime_error);
-    EXPECT_THROW(readAll(Bytes(cms.der().begin(), cms.der().end() - 1)), std::runtime_error);
-    Bytes trailing = cms.der();
-    trailing.push_back(0x00);
-    EXPECT_THROW(readAll(trailing), std::runtime_error);
-    EXPECT_THROW(readAll({0x30, 0x03, 0x02, 0x01, 0x01}), std::runtime_error);
-
-    // The per-file list: duplicates, negative indexes, extra fields and trailing bytes.
+    EXPECT_EQ(cmsesFromSignatureTag(two).size(), 2u);
     const Bytes good = encodeFileSignatures({{1, {{0xaa}, {0xbb}}}});
     EXPECT_EQ(decodeFileSignatures(good.data(), good.size()).at(1).trustletSignature, Bytes{0xbb});
+    EXPECT_EQ(cmsesFromSignatureTag(signedData({"developer"}, EVP_sha256())).size(), 1u);
+
+    Bytes trailing = cms.der();
+    trailing.push_back(0x00);
+    CmsPtr data(CMS_data_create(memory(content).get(), CMS_BINARY));
+    const std::pair<const char*, Bytes> tags[] = {
+        {"holds no signature", {}},
+        {"not a DER CMS", Bytes(cms.der().begin(), cms.der().end() - 1)},
+        {"not a DER CMS", trailing},
+        {"not a DER CMS", {0x30, 0x03, 0x02, 0x01, 0x01}},
+        {"not a CMS SignedData", der(data.get())},
+        {"not detached", signedData({"developer"}, EVP_sha256(), 0)},
+        {"exactly one signer", signedData({"developer", "client"}, EVP_sha256())},
+        {"exactly one signer", signedData({}, EVP_sha256())},
+        {"digest is not SHA-256", signedData({"developer"}, EVP_sha384())},
+    };
+    for (const auto& [reason, tag] : tags) {
+        SCOPED_TRACE(reason);
+        try {
+            cmsesFromSignatureTag(tag);
+            ADD_FAILURE() << "accepted";
+        } catch (const std::runtime_error& error) {
+            EXPECT_NE(std::string(error.what()).find(reason), std::string::npos) << error.what();
+        }
+    }
+
+    // The per-file list: duplicates, negative indexes, extra fields and trailing bytes.
     const Bytes item = {0x30, 0x09, 0x02, 0x01, 0x01, 0x04, 0x01, 0xaa, 0x04, 0x01, 0xbb};
     Bytes duplicate = {0x30, 0x16};
     duplicate.insert(duplicate.end(), item.begin(), item.end());
     duplicate.insert(duplicate.end(), item.begin(), item.end());
-    const Bytes negative = {0x30, 0x0b, 0x30, 0x09, 0x02, 0x01, 0xff,
-                            0x04, 0x01, 0xaa, 0x04, 0x01, 0xbb};
-    const Bytes extra = {0x30, 0x0e, 0x30, 0x0c, 0x02, 0x01, 0x01, 0x04,
-                         0x01, 0xaa, 0x04, 0x01, 0xbb, 0x05, 0x00};
     Bytes afterList = good;
     afterList.push_back(0x00);
-    for (const Bytes* bad :
-         std::initializer_list<const Bytes*>{&duplicate, &negative, &extra, &afterList})
-        EXPECT_THROW(decodeFileSignatures(bad->data(), bad->size()), std::runtime_error);
+    const Bytes lists[] = {
+        duplicate,
+        {0x30, 0x0b, 0x30, 0x09, 0x02, 0x01, 0xff, 0x04, 0x01, 0xaa, 0x04, 0x01, 0xbb},
+        {0x30, 0x0e, 0x30, 0x0c, 0x02, 0x01, 0x01, 0x04, 0x01, 0xaa, 0x04, 0x01, 0xbb, 0x05, 0x00},
+        afterList,
+    };
+    for (const auto& list : lists)
+        EXPECT_THROW(decodeFileSignatures(list.data(), list.size()), std::runtime_error);
 }
 
 } // namespace

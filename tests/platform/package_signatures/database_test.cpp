@@ -1,11 +1,11 @@
 #include "platform/package_signatures/database.hpp"
 #include "tests/support/file_checks.hpp"
+#include "tests/support/rpm_fixtures.hpp"
+#include "tests/support/signed_packages.hpp"
 #include "tests/support/test_pki.hpp"
 
 #include <filesystem>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 namespace {
 
@@ -14,90 +14,88 @@ using PackageSignatures::Certificate;
 using PackageSignatures::ClientGroup;
 using PackageSignatures::Database;
 using PackageSignatures::DeveloperGroup;
+using TestSupport::pkiCertificate;
 using TestSupport::TestPki;
 
-Certificate load(const std::string& name) {
-    return *Certificate::fromPem(TestSupport::readFile(TestPki::shared().certificate(name)));
+std::vector<std::string> filesBelow(const fs::path& directory) {
+    std::vector<std::string> names;
+    for (const auto& entry : fs::recursive_directory_iterator(directory))
+        names.push_back(fs::relative(entry.path(), directory).string());
+    std::sort(names.begin(), names.end());
+    return names;
 }
 
 class SignatureDatabase : public ::testing::Test {
 protected:
-    fs::path scratch = fs::temp_directory_path() / ("signature-db-" + std::to_string(::getpid()));
+    TestSupport::Scratch scratch;
     fs::path root = scratch / "db";
-    void TearDown() override { fs::remove_all(scratch); }
-
-    std::vector<std::string> filesBelow(const fs::path& directory) {
-        std::vector<std::string> names;
-        for (const auto& entry : fs::recursive_directory_iterator(directory))
-            names.push_back(fs::relative(entry.path(), directory).string());
-        std::sort(names.begin(), names.end());
-        return names;
-    }
 };
 
 TEST_F(SignatureDatabase, ImportedCertificatesAreListedAndFoundByGroup) {
     const Database database(root);
     EXPECT_TRUE(database.packages().empty()); // no root yet: an empty database
 
-    database.setPackageCertificate("zeta-app", DeveloperGroup, load("developer"));
-    database.setPackageCertificate("alpha.viewer+2", DeveloperGroup, load("developer-system"));
-    database.setPackageCertificate("alpha.viewer+2", ClientGroup, load("client"));
-    database.setPackageCertificate("Beta_1", ClientGroup, load("client"));
+    database.setPackageCertificate("zeta-app", DeveloperGroup, pkiCertificate("developer"));
+    database.setPackageCertificate("alpha.viewer+2", DeveloperGroup,
+                                   pkiCertificate("developer-system"));
+    database.setPackageCertificate("alpha.viewer+2", ClientGroup, pkiCertificate("client"));
+    database.setPackageCertificate("Beta_1", ClientGroup, pkiCertificate("client"));
     EXPECT_EQ(database.packages(),
               (std::vector<std::string>{"Beta_1", "alpha.viewer+2", "zeta-app"}));
     EXPECT_EQ(filesBelow(root),
               (std::vector<std::string>{"Beta_1", "Beta_1/3.pem", "alpha.viewer+2",
                                         "alpha.viewer+2/1.pem", "alpha.viewer+2/3.pem", "zeta-app",
                                         "zeta-app/1.pem"}));
-    struct stat status {};
-    ASSERT_EQ(::stat((root / "zeta-app/1.pem").c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 07777, 0644u);
+    EXPECT_EQ(fs::status(root / "zeta-app/1.pem").permissions(), fs::perms(0644));
 
     // A second instance reads what the first wrote.
     const Database again(root);
-    const auto developer = again.packageCertificateWithGroup("alpha.viewer+2", DeveloperGroup);
-    ASSERT_TRUE(developer.has_value());
-    EXPECT_TRUE(developer->isSystemDeveloperCertificate());
-    const auto client = again.packageCertificateWithGroup("alpha.viewer+2", ClientGroup);
-    ASSERT_TRUE(client.has_value());
-    EXPECT_EQ(client->subject(), TestPki::clientSubject);
+    EXPECT_EQ(again.packageCertificateWithGroup("alpha.viewer+2", ClientGroup)->subject(),
+              TestPki::clientSubject);
     EXPECT_FALSE(again.packageCertificateWithGroup("zeta-app", ClientGroup));
-    EXPECT_FALSE(again.packageCertificateWithGroup("Beta_1", DeveloperGroup));
     EXPECT_FALSE(again.packageCertificateWithGroup("unknown", DeveloperGroup));
     EXPECT_FALSE(again.packageCertificateWithGroup("zeta-app", 2));
 
     // Replacing leaves no temporary file behind.
-    database.setPackageCertificate("zeta-app", DeveloperGroup, load("developer-extended"));
+    database.setPackageCertificate("zeta-app", DeveloperGroup,
+                                   pkiCertificate("developer-extended"));
     EXPECT_EQ(again.packageCertificateWithGroup("zeta-app", DeveloperGroup)->keyId(),
-              load("developer-extended").keyId());
+              pkiCertificate("developer-extended").keyId());
     EXPECT_EQ(filesBelow(root / "zeta-app"), std::vector<std::string>{"1.pem"});
+
+    // A package whose last certificate goes leaves no directory behind.
+    database.removePackageCertificate("alpha.viewer+2", ClientGroup);
+    database.removePackageCertificate("alpha.viewer+2", ClientGroup);
+    EXPECT_EQ(filesBelow(root / "alpha.viewer+2"), std::vector<std::string>{"1.pem"});
+    database.removePackageCertificate("alpha.viewer+2", DeveloperGroup);
+    EXPECT_FALSE(fs::exists(root / "alpha.viewer+2"));
+    EXPECT_EQ(database.packages(), (std::vector<std::string>{"Beta_1", "zeta-app"}));
 }
 
-TEST_F(SignatureDatabase, NamesThatWouldLeaveTheRootAreRefused) {
+TEST_F(SignatureDatabase, NamesThatWouldLeaveTheRootAndDamagedEntriesAreRefused) {
     const Database database(root);
     // A certificate sits where "../outside" would lead.
-    TestSupport::writeFile(scratch / "outside/1.pem", load("developer").toPem());
-    TestSupport::writeFile(root / "a/b/1.pem", load("developer").toPem());
-    TestSupport::writeFile(root / ".hidden/1.pem", load("developer").toPem());
+    TestSupport::writeFile(scratch / "outside/1.pem", pkiCertificate("developer").toPem());
+    TestSupport::writeFile(root / "a/b/1.pem", pkiCertificate("developer").toPem());
+    TestSupport::writeFile(root / ".hidden/1.pem", pkiCertificate("developer").toPem());
     for (const std::string& name :
          std::vector<std::string>{"../outside", "a/b", ".hidden", "-rf", "", ".", "..",
                                   "with space", "tab\there", std::string(256, 'x')}) {
         SCOPED_TRACE(name);
-        EXPECT_THROW(database.setPackageCertificate(name, DeveloperGroup, load("developer")),
-                     std::invalid_argument);
+        EXPECT_THROW(
+            database.setPackageCertificate(name, DeveloperGroup, pkiCertificate("developer")),
+            std::invalid_argument);
         EXPECT_FALSE(database.packageCertificateWithGroup(name, DeveloperGroup));
     }
-    EXPECT_THROW(database.setPackageCertificate("good", 2, load("developer")),
+    EXPECT_THROW(database.setPackageCertificate("good", 2, pkiCertificate("developer")),
                  std::invalid_argument);
     // Nothing was written, and the odd directories are not packages.
     EXPECT_TRUE(database.packages().empty());
     EXPECT_EQ(filesBelow(root),
               (std::vector<std::string>{".hidden", ".hidden/1.pem", "a", "a/b", "a/b/1.pem"}));
     EXPECT_TRUE(fs::exists(scratch / "outside/1.pem"));
-}
 
-TEST_F(SignatureDatabase, DamagedEntriesAreReportedNotGuessed) {
-    const Database database(root);
+    // Damaged entries are reported, not guessed.
     TestSupport::writeFile(root / "broken/1.pem", "not a certificate\n");
     fs::create_directories(root / "empty-dir");
     TestSupport::writeFile(root / "stray-file", "");
@@ -109,7 +107,7 @@ TEST_F(SignatureDatabase, DamagedEntriesAreReportedNotGuessed) {
     TestSupport::writeFile(scratch / "file-root", "");
     const Database onFile(scratch / "file-root");
     EXPECT_THROW(onFile.packages(), std::runtime_error);
-    EXPECT_THROW(onFile.setPackageCertificate("x", DeveloperGroup, load("developer")),
+    EXPECT_THROW(onFile.setPackageCertificate("x", DeveloperGroup, pkiCertificate("developer")),
                  std::runtime_error);
     EXPECT_FALSE(onFile.packageCertificateWithGroup("x", DeveloperGroup));
 }

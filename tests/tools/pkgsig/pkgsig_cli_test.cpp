@@ -2,7 +2,6 @@
 // stock rpm tools in the sandbox.
 
 #include "platform/package_signatures/certificate.hpp"
-#include "platform/package_signatures/database.hpp"
 #include "tests/support/file_checks.hpp"
 #include "tests/support/sandboxed_test.hpp"
 #include "tests/support/test_pki.hpp"
@@ -10,11 +9,11 @@
 
 #include <gtest/gtest.h>
 #include <set>
-#include <sys/stat.h>
 
 namespace {
 
 namespace fs = std::filesystem;
+namespace PS = PackageSignatures;
 using PkgsigTest::pkgsig;
 using PkgsigTest::Scratch;
 using TestSupport::TestPki;
@@ -25,7 +24,7 @@ std::string path(const std::string& name, bool key = false) {
 }
 
 std::string keyId(const std::string& name) {
-    return PackageSignatures::Certificate::fromPem(TestSupport::readFile(path(name)))->keyId();
+    return TestSupport::pkiCertificate(name).keyId();
 }
 
 std::vector<std::string> signArguments(const fs::path& package, const std::string& developer,
@@ -49,87 +48,71 @@ std::set<std::string> namesIn(const fs::path& directory) {
     return names;
 }
 
-TEST(PkgsigCommand, HelpExplainsEveryCommandAndOption) {
-    const auto help = pkgsig({"--help"});
-    EXPECT_EQ(help.status, 0);
-    EXPECT_EQ(pkgsig({"verify", "x.rpm", "-h"}).out, help.out);
-    for (const char* text :
-         {"sign PACKAGE --developer-key KEY --developer-cert CERT", "show PACKAGE",
-          "verify PACKAGE --ca CA", "import PACKAGE --ca CA [--database DIR]",
-          "list [--database DIR]", "--client-key", "--client-cert", "--output FILE",
-          "--signing-time SECONDS", "%_ima_sign_config_files", "/var/lib/package-signatures",
-          "NAME ROLE KEY-ID SUBGROUP SUBJECT", "Exit status"})
-        EXPECT_NE(help.out.find(text), std::string::npos) << text;
-
-    const auto nothing = pkgsig({});
-    EXPECT_EQ(nothing.status, 2);
-    EXPECT_EQ(nothing.err, "pkgsig: no command given (see pkgsig --help)\n");
-    const auto unknown = pkgsig({"frobnicate"});
-    EXPECT_EQ(unknown.status, 2);
-    EXPECT_EQ(unknown.err, "pkgsig: unknown command \"frobnicate\" (see pkgsig --help)\n");
-}
-
-TEST(PkgsigCommand, SignShowVerifyImportAndList) {
+TEST(PkgsigCommand, SignShowVerifyAndImportPackagesThatStockRpmInstalls) {
     Scratch scratch;
     const auto hello = PkgsigTest::copyOfPackage("hello", scratch / "hello.rpm");
-    const auto signing = pkgsig(signArguments(hello, "developer", "client"));
+    auto arguments = signArguments(hello, "developer", "client");
+    arguments.insert(arguments.end(), {"--signing-time", "1590969600"});
+    const auto signing = pkgsig(arguments);
     ASSERT_EQ(signing.status, 0) << signing.err;
-    EXPECT_EQ(signing.out, "signed " + hello.string() +
-                               " (hello-1.0-1.noarch): developer CN=Regular Developer,O=Example "
-                               "Apps,C=FI, client " +
-                               TestPki::clientSubject + ", 5 file signatures\n");
+    const std::string developer = "CN=Regular Developer,O=Example Apps,C=FI";
+    const std::string client = TestPki::clientSubject;
+    EXPECT_EQ(signing.out, "signed " + hello.string() + " (hello-1.0-1.noarch): developer " +
+                               developer + ", client " + client + ", 5 file signatures\n");
 
-    const auto shown = pkgsig({"show", hello.string()});
-    ASSERT_EQ(shown.status, 0) << shown.err;
-    for (const std::string& line : std::vector<std::string>{
-             "package: hello-1.0-1.noarch\nsignatures: 2\nsignature 1: developer\n",
-             "  key id: " + keyId("developer") +
-                 "\n  subject: CN=Regular Developer,O=Example "
-                 "Apps,C=FI\n  subgroup: regular\n  system "
-                 "developer: no\n",
-             "  file signatures: 5\n    0 /etc/hello-hook\n    3 /usr/bin/hello\n"
-             "    5 /usr/share/applications/hello.desktop\n    7 /usr/share/hello/data-link.txt\n"
-             "    8 /usr/share/hello/data.txt\nsignature 2: client\n  key id: " +
+    const auto shown = pkgsig({"show", hello.string()}).out;
+    for (const std::string& lines : std::vector<std::string>{
+             "package: hello-1.0-1.noarch\nsignatures: 2\nsignature 1: developer\n  key id: " +
+                 keyId("developer") + "\n  subject: " + developer +
+                 "\n  subgroup: regular\n  system developer: no\n"
+                 "  signing time: 2020-06-01T00:00:00Z\n  file signatures: 5\n"
+                 "    0 /etc/hello-hook\n    3 /usr/bin/hello\n"
+                 "    5 /usr/share/applications/hello.desktop\n"
+                 "    7 /usr/share/hello/data-link.txt\n    8 /usr/share/hello/data.txt\n"
+                 "signature 2: client\n  key id: " +
                  keyId("client") + "\n",
              "  subgroup: unknown\n", "  file signatures: 0\n"})
-        EXPECT_NE(shown.out.find(line), std::string::npos) << line << "\nin:\n" << shown.out;
-
+        EXPECT_NE(shown.find(lines), std::string::npos) << lines << "\nin:\n" << shown;
     const auto verified = pkgsig({"verify", hello.string(), "--ca", path("ca")});
-    EXPECT_EQ(verified.status, 0) << verified.err;
-    EXPECT_EQ(verified.out, hello.string() +
-                                ": signatures verified (developer CN=Regular Developer,O=Example "
-                                "Apps,C=FI, client " +
-                                TestPki::clientSubject + "; 5 file signatures)\n");
+    EXPECT_EQ(verified.out, hello.string() + ": signatures verified (developer " + developer +
+                                ", client " + client + "; 5 file signatures)\n");
 
-    const auto tiny = PkgsigTest::copyOfPackage("tiny-zstd", scratch / "tiny.rpm");
+    const auto tiny = PkgsigTest::copyOfPackage("tiny-xz", scratch / "tiny.rpm");
     ASSERT_EQ(pkgsig(signArguments(tiny, "developer-system")).status, 0);
-    const std::string database = (scratch / "db").string();
-    for (const auto& package : {tiny, hello}) {
-        const auto imported =
-            pkgsig({"import", package.string(), "--ca", path("ca"), "--database", database});
-        EXPECT_EQ(imported.status, 0) << imported.err;
-    }
-    const auto listed = pkgsig({"list", "--database=" + database});
-    EXPECT_EQ(listed.status, 0) << listed.err;
-    const std::string helloLines = "hello developer " + keyId("developer") +
-                                   " regular CN=Regular Developer,O=Example Apps,C=FI\n";
-    EXPECT_EQ(listed.out, helloLines + "hello client " + keyId("client") + " unknown " +
-                              TestPki::clientSubject + "\ntiny-zstd developer " +
-                              keyId("developer-system") +
-                              " system CN=System Developer,O=Example Apps,C=FI\n");
+    SANDBOXED([&] {
+        for (const auto& package : {hello, tiny})
+            EXPECT_EQ(TestSupport::runProgram({"rpm", "-K", package.string()}).out,
+                      package.string() + ": digests OK\n");
+        const auto installed = TestSupport::runProgram(
+            {"rpm", "-i", "--nodeps", "--force-debian", hello.string(), tiny.string()});
+        EXPECT_EQ(installed.status, 0) << installed.err;
+        EXPECT_EQ(TestSupport::readFile("/usr/share/hello/data-link.txt"), "data\n");
 
-    // Signed again without a client, the package's client certificate is forgotten.
-    ASSERT_EQ(pkgsig(signArguments(hello, "developer")).status, 0);
-    const auto reimported =
-        pkgsig({"import", hello.string(), "--ca", path("ca"), "--database", database});
-    EXPECT_EQ(reimported.out,
-              "imported hello into " + database + ": developer " + keyId("developer") + "\n");
-    EXPECT_EQ(pkgsig({"list", "--database", database}).out,
-              helloLines + "tiny-zstd developer " + keyId("developer-system") +
-                  " system CN=System Developer,O=Example Apps,C=FI\n");
+        // Into the device's database, by default.
+        for (const auto& package : {tiny, hello})
+            EXPECT_EQ(pkgsig({"import", package.string(), "--ca", path("ca")}).status, 0);
+        const std::string helloLine =
+            "hello developer " + keyId("developer") + " regular " + developer + "\n";
+        const std::string tinyLine = "tiny-xz developer " + keyId("developer-system") +
+                                     " system CN=System Developer,O=Example Apps,C=FI\n";
+        EXPECT_EQ(pkgsig({"list"}).out, helloLine + "hello client " + keyId("client") +
+                                            " unknown " + client + "\n" + tinyLine);
+        // Signed again without a client, the package's client certificate is forgotten.
+        ASSERT_EQ(pkgsig(signArguments(hello, "developer")).status, 0);
+        EXPECT_EQ(pkgsig({"import", hello.string(), "--ca=" + path("ca")}).out,
+                  "imported hello into /var/lib/package-signatures: developer " +
+                      keyId("developer") + "\n");
+        EXPECT_EQ(pkgsig({"list", "--database", "/var/lib/package-signatures"}).out,
+                  helloLine + tinyLine);
+    });
 }
 
-TEST(PkgsigCommand, BadInputGetsOneLineAndChangesNothing) {
+TEST(PkgsigCommand, HelpWhereverAskedAndBadInputGetsOneLineAndChangesNothing) {
+    const auto help = pkgsig({"--help"});
+    EXPECT_EQ(help.status, 0);
+    EXPECT_TRUE(help.out.starts_with("Usage: pkgsig COMMAND")) << help.out;
+    EXPECT_EQ(pkgsig({"verify", "x.rpm", "-h"}).out, help.out);
+
     Scratch scratch;
     const auto package = PkgsigTest::copyOfPackage("hello", scratch / "hello.rpm");
     const auto signedPackage = PkgsigTest::copyOfPackage("tiny-xz", scratch / "signed.rpm");
@@ -137,63 +120,62 @@ TEST(PkgsigCommand, BadInputGetsOneLineAndChangesNothing) {
     TestSupport::writeFile(scratch / "notes.rpm", "not a package\n");
     const std::string cut = TestSupport::readFile(package);
     TestSupport::writeFile(scratch / "cut.rpm", cut.substr(0, cut.size() - 40));
+    // Its file signatures hold; its trustlet signatures are of other data.
+    const auto tampered = PkgsigTest::copyOfPackage("hello", scratch / "tampered.rpm");
+    const auto developer = TestSupport::pkiIdentity("developer");
+    PS::FileSignatures files;
+    for (const auto& [index, digest] : Pkgsig::PackageFile(tampered).digestsOfFilesToSign())
+        files[index] = {PS::imaFileSignature(developer, digest),
+                        PS::trustletSignature(developer, PS::Bytes(32, 0x5a))};
+    TestSupport::signWithLibrary(tampered, {{"developer", files}});
 
+    const std::string hello = package.string(), tiny = signedPackage.string();
     const std::string missing = (scratch / "missing.rpm").string();
-    const std::string database = (scratch / "db").string();
-    auto sign = [&](const std::string& target, const std::string& key, const std::string& cert) {
-        return std::vector<std::string>{
+    const std::string notes = (scratch / "notes.rpm").string();
+    auto sign = [&](const std::string& target, const std::string& key, const std::string& cert,
+                    const std::vector<std::string>& more = {}) {
+        std::vector<std::string> arguments = {
             "sign", target, "--developer-key", path(key, true), "--developer-cert", path(cert)};
-    };
-    auto withArguments = [](std::vector<std::string> arguments,
-                            const std::vector<std::string>& more) {
         arguments.insert(arguments.end(), more.begin(), more.end());
         return arguments;
     };
-    struct Case {
-        std::vector<std::string> arguments;
-        int status;
-        std::string error;
-    };
-    const Case cases[] = {
-        {sign(missing, "developer", "developer"), 1, "cannot open " + missing},
-        {sign((scratch / "notes.rpm").string(), "developer", "developer"), 1,
-         "is not an RPM package file: no RPM lead"},
-        {sign((scratch / "cut.rpm").string(), "developer", "developer"), 1,
-         "the payload of " + (scratch / "cut.rpm").string()},
-        {sign(package.string(), "client", "developer"), 1,
-         "the key " + path("client", true) + " does not belong to the certificate " +
-             path("developer")},
-        {sign(package.string(), "client", "client"), 1,
-         path("client") + " is not a developer signing certificate"},
-        {sign(package.string(), "developer", "developer-rsa"), 1, "does not belong"},
-        {withArguments(sign(package.string(), "developer", "developer"), {"--ca", path("ca2")}), 1,
-         "the new signature does not verify against " + path("ca2")},
-        {withArguments(sign(package.string(), "developer", "developer"),
-                       {"--client-key", path("client", true)}),
-         1, "a client signature needs both --client-key and --client-cert"},
-        {withArguments(sign(package.string(), "developer", "developer"),
-                       {"--output", (scratch / "no/such/dir/out.rpm").string()}),
-         1, "cannot create a temporary file next to"},
-        {withArguments(sign(package.string(), "developer", "developer"),
-                       {"--signing-time", "yesterday"}),
-         2, "--signing-time takes seconds since 1970, not \"yesterday\""},
-        {{"sign", package.string(), "--developer-key", path("developer", true)},
+    const std::tuple<std::vector<std::string>, int, std::string> cases[] = {
+        {{}, 2, "no command given"},
+        {{"frobnicate"}, 2, "unknown command \"frobnicate\""},
+        {{"verify", tiny, "--ca"}, 2, "--ca needs a value"},
+        {{"verify", tiny, "--ca="}, 2, "--ca needs a value"},
+        {{"verify", tiny, "--ca", path("ca"), "--ca=" + path("ca")}, 2, "--ca is given twice"},
+        {{"show", hello, tiny}, 2, "show takes one package file"},
+        {{"sign", hello, "--developer-key", path("developer", true)},
          2,
          "sign needs --developer-cert"},
-        {withArguments(sign(package.string(), "developer", "developer"), {"--database", "x"}), 2,
+        {sign(hello, "developer", "developer", {"--database", "x"}), 2,
          "sign takes no option --database"},
-        {{"show", package.string(), signedPackage.string()}, 2, "show takes one package file"},
-        {{"verify", signedPackage.string(), "--ca"}, 2, "--ca needs a value"},
-        {{"verify", package.string(), "--ca", path("ca")}, 1, "carries no package signatures"},
-        {{"verify", signedPackage.string(), "--ca", path("ca2")}, 1, "does not hold"},
-        {{"import", signedPackage.string(), "--ca", path("ca2"), "--database", database},
+        {sign(hello, "developer", "developer", {"--signing-time", "yesterday"}), 2,
+         "--signing-time takes seconds since 1970, not \"yesterday\""},
+        {sign(missing, "developer", "developer"), 1, "cannot open " + missing},
+        {sign(notes, "developer", "developer"), 1, "is not an RPM package file: no RPM lead"},
+        {sign((scratch / "cut.rpm").string(), "developer", "developer"), 1,
+         "the payload of " + (scratch / "cut.rpm").string()},
+        {sign(hello, "client", "developer"), 1,
+         "the key " + path("client", true) + " does not belong to the certificate " +
+             path("developer")},
+        {sign(hello, "client", "client"), 1,
+         path("client") + " is not a developer signing certificate"},
+        {sign(hello, "developer-expired", "developer-expired"), 1,
+         "is not valid at the signing time"},
+        {sign(hello, "developer", "developer", {"--ca", path("ca2")}), 1,
+         "the new signature does not verify against " + path("ca2")},
+        {sign(hello, "developer", "developer", {"--client-key", path("client", true)}), 1,
+         "a client signature needs both --client-key and --client-cert"},
+        {sign(hello, "developer", "developer", {"--output", scratch.path() / "no/dir/out.rpm"}), 1,
+         "cannot create a temporary file next to"},
+        {{"verify", hello, "--ca", path("ca")}, 1, "carries no package signatures"},
+        {{"verify", tiny, "--ca", path("ca2")}, 1, "does not hold"},
+        {{"verify", tampered.string(), "--ca", path("ca")},
          1,
-         "does not hold"},
-        {{"import", package.string(), "--ca", path("ca"), "--database", database},
-         1,
-         "carries no package signatures"},
-        {{"show", (scratch / "notes.rpm").string()}, 1, "is not an RPM package file"},
-        {{"list", "--database", package.string()}, 1, "cannot read the package signature database"},
+         "the trustlet signature of /etc/hello-hook does not hold"},
+        {{"list", "--database", hello}, 1, "cannot read the package signature database"},
     };
     const std::string before = TestSupport::readFile(package);
     const std::string signedBefore = TestSupport::readFile(signedPackage);
@@ -233,55 +215,16 @@ TEST(PkgsigCommand, ConfigFilesAreSignedWhenTheMacroSaysSo) {
 TEST(PkgsigCommand, OutputGoesToANewFileWithTheModeOfTheOriginal) {
     Scratch scratch;
     const auto package = PkgsigTest::copyOfPackage("tiny-zstd", scratch / "tiny.rpm");
-    ASSERT_EQ(::chmod(package.c_str(), 0600), 0);
+    fs::permissions(package, fs::perms(0600));
     auto arguments = signArguments(package, "developer-rsa");
     arguments.insert(arguments.end(), {"--output", (scratch / "signed.rpm").string()});
     const auto signing = pkgsig(arguments);
     ASSERT_EQ(signing.status, 0) << signing.err;
     EXPECT_EQ(TestSupport::readFile(package),
               TestSupport::readFile(PkgsigTest::builtPackage("tiny-zstd")));
-    struct stat status {};
-    ASSERT_EQ(::stat((scratch / "signed.rpm").c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 07777, 0600u);
+    EXPECT_EQ(fs::status(scratch / "signed.rpm").permissions(), fs::perms(0600));
     EXPECT_EQ(pkgsig({"verify", (scratch / "signed.rpm").string(), "--ca", path("ca")}).status, 0);
     EXPECT_EQ(namesIn(scratch.path()), (std::set<std::string>{"signed.rpm", "tiny.rpm"}));
-}
-
-TEST(PkgsigCommand, SignedPackagesPassStockRpmAndImportIntoTheDeviceDatabase) {
-    Scratch scratch;
-    const auto hello = PkgsigTest::copyOfPackage("hello", scratch / "hello.rpm");
-    const auto tiny = PkgsigTest::copyOfPackage("tiny-xz", scratch / "tiny.rpm");
-    // Signed twice: the second signing replaces the first signatures.
-    ASSERT_EQ(pkgsig(signArguments(hello, "developer-system")).status, 0);
-    ASSERT_EQ(pkgsig(signArguments(hello, "developer", "client")).status, 0);
-    ASSERT_EQ(pkgsig(signArguments(tiny, "developer-extended")).status, 0);
-    SANDBOXED([&] {
-        for (const auto& package : {hello, tiny}) {
-            const auto checked = TestSupport::runProgram({"rpm", "-K", package.string()});
-            EXPECT_EQ(checked.status, 0) << checked.err;
-            EXPECT_EQ(checked.out, package.string() + ": digests OK\n");
-        }
-        const auto installed = TestSupport::runProgram(
-            {"rpm", "-i", "--nodeps", "--force-debian", hello.string(), tiny.string()});
-        EXPECT_EQ(installed.status, 0) << installed.err;
-        EXPECT_EQ(TestSupport::readFile("/usr/bin/hello"), PkgsigTest::helloScript);
-        EXPECT_EQ(TestSupport::readFile("/usr/share/hello/data-link.txt"), PkgsigTest::helloData);
-        EXPECT_EQ(TestSupport::runProgram({"rpm", "-q", "hello", "tiny-xz"}).out,
-                  "hello-1.0-1.noarch\ntiny-xz-2.0-3.noarch\n");
-
-        for (const auto& package : {hello, tiny})
-            EXPECT_EQ(pkgsig({"import", package.string(), "--ca", path("ca")}).status, 0);
-        const PackageSignatures::Database database(PackageSignatures::Database::defaultPath);
-        EXPECT_EQ(database.packages(), (std::vector<std::string>{"hello", "tiny-xz"}));
-        const auto client = database.packageCertificateWithGroup("hello", 3);
-        ASSERT_TRUE(client.has_value());
-        EXPECT_EQ(client->keyId(), keyId("client"));
-        EXPECT_EQ(client->subject(), TestPki::clientSubject);
-        EXPECT_FALSE(database.packageCertificateWithGroup("tiny-xz", 3));
-        EXPECT_EQ(database.packageCertificateWithGroup("tiny-xz", 1)->subgroup(),
-                  PackageSignatures::Subgroup::Extended);
-        EXPECT_EQ(pkgsig({"list"}).out.substr(0, 16), "hello developer ");
-    });
 }
 
 } // namespace

@@ -16,11 +16,6 @@ using TestSupport::FixtureFile;
 using TestSupport::pkgsig;
 using TestSupport::Scratch;
 
-// Contents of the packages' files, so that tests can compute the files' digests.
-inline const std::string helloScript = "#!/bin/sh\necho hello\n";
-inline const std::string helloData = "data\n";
-inline const std::string helloHook = "#!/bin/sh\n";
-
 // "hello" (gzip payload), file list in header order:
 //   0 /etc/hello-hook        %config, executable       signed
 //   1 /etc/hello.conf        %config                   signed only with %_ima_sign_config_files
@@ -33,7 +28,7 @@ inline const std::string helloHook = "#!/bin/sh\n";
 //   8 /usr/share/hello/data.txt                        signed
 // "tiny-xz" and "tiny-zstd": one file /usr/share/tiny/readme, other payload compressors.
 inline TestSupport::FixturePackage hello() {
-    FixtureFile hook = TestSupport::file("/etc/hello-hook", helloHook, 0755);
+    FixtureFile hook = TestSupport::file("/etc/hello-hook", "#!/bin/sh\n", 0755);
     hook.config = true;
     FixtureFile conf = TestSupport::file("/etc/hello.conf", "conf\n");
     conf.config = true;
@@ -42,10 +37,10 @@ inline TestSupport::FixturePackage hello() {
             "1",
             {},
             {},
-            {TestSupport::file("/usr/bin/hello", helloScript, 0755),
+            {TestSupport::file("/usr/bin/hello", "#!/bin/sh\necho hello\n", 0755),
              TestSupport::symlink("/usr/bin/hi", "hello"),
              TestSupport::directory("/usr/share/hello"),
-             TestSupport::file("/usr/share/hello/data.txt", helloData),
+             TestSupport::file("/usr/share/hello/data.txt", "data\n"),
              TestSupport::hardlink("/usr/share/hello/data-link.txt", "/usr/share/hello/data.txt"),
              conf, hook, TestSupport::ghost("/etc/hello.state"),
              TestSupport::file("/usr/share/applications/hello.desktop",
