@@ -26,8 +26,12 @@ bool isKnownGroup(int group) {
 // Writes `text` to a new file next to `target`, flushes it to disk and renames it over
 // `target`. The temporary file is removed when anything fails.
 void replaceFileAtomically(const fs::path& target, const std::string& text) {
-    std::string temporary =
-        (target.parent_path() / ("." + target.filename().string() + ".XXXXXX")).string();
+    // Appended piece by piece: GCC 12's -Wrestrict misreads "." + std::string in optimised
+    // builds.
+    std::string name = ".";
+    name += target.filename().string();
+    name += ".XXXXXX";
+    std::string temporary = (target.parent_path() / name).string();
     const int fd = ::mkstemp(temporary.data());
     if (fd < 0)
         failWithErrno("cannot create a temporary file next to " + target.string(), errno);

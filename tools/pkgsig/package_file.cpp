@@ -136,8 +136,12 @@ private:
 class TemporaryFile {
 public:
     explicit TemporaryFile(const fs::path& target) {
-        std::string pattern =
-            (target.parent_path() / ("." + target.filename().string() + ".pkgsig-XXXXXX")).string();
+        // Appended piece by piece: GCC 12's -Wrestrict misreads "." + std::string in
+        // optimised builds.
+        std::string name = ".";
+        name += target.filename().string();
+        name += ".pkgsig-XXXXXX";
+        std::string pattern = (target.parent_path() / name).string();
         fd = ::mkstemp(pattern.data());
         if (fd < 0)
             throw std::runtime_error("cannot create a temporary file next to " + target.string() +
