@@ -85,6 +85,8 @@ std::string specText(const FixturePackage& package) {
     spec += "%description\ntest package\n%install\nmkdir -p %{buildroot}\n";
     for (std::size_t i = 0; i < package.files.size(); ++i)
         spec += installStep(package.files[i], i);
+    if (!package.preun.empty())
+        spec += "%preun -p <lua>\n" + package.preun + "\n";
     spec += "%files\n";
     for (const auto& file : package.files)
         spec += filesLine(file);

@@ -15,6 +15,7 @@
 namespace fs = std::filesystem;
 using TestSupport::readFile;
 using TestSupport::runProgram;
+using namespace std::string_literals;
 
 namespace {
 
@@ -277,5 +278,72 @@ TEST(Migration, ATemporaryDirectoryOnAnotherFileSystem) {
         EXPECT_EQ(fs::status(notes / "libexec/sync-helper").permissions(), fs::perms(0750));
         EXPECT_EQ(std::distance(fs::directory_iterator("/opt/app/harbor-notes"), {}), 2);
         EXPECT_TRUE(fs::is_empty("/opt/tolva/tmp"));
+    });
+}
+
+TEST(Migration, OnTheInstalledFilesFileSystemLinksAndLeavesAPackageThatStaysUntouched) {
+    TestSupport::Scratch scratch;
+    const auto apps = TestSupport::buildSampleApps(scratch.path());
+    SANDBOXED([&] {
+        installDevice(apps);
+        TestSupport::writeFile("/etc/tolva/tolva.conf",
+                               "[database]\nroot_directory=/usr/tolva/app\n"
+                               "temp_directory=/usr/tolva/tmp\n");
+        // RPM refuses to erase quiet-clock after its files were linked: they stay RPM's, every
+        // attribute byte for byte, an earlier "security.appid" too.
+        TestSupport::writeFile("/etc/quiet-clock.keep", "");
+        TestSupport::putAttribute("/usr/bin/quiet-clock", "security.appid", "older\0id"s);
+        TestSupport::putAttribute("/usr/bin/harbor-notes", "security.ima", "ima-of-notes");
+        const auto attributes = [](const fs::path& path) {
+            std::vector<std::pair<std::string, std::optional<std::string>>> all;
+            for (const auto& name : TestSupport::attributeNames(path))
+                all.emplace_back(name, TestSupport::attribute(path, name));
+            return all;
+        };
+        const fs::path clockFiles[] = {"/usr/bin/quiet-clock", "/usr/share/quiet-clock/face.svg"};
+        std::map<fs::path, decltype(attributes(""))> clockBefore;
+        for (const auto& path : clockFiles)
+            clockBefore[path] = attributes(path);
+        auto before = installedFiles();
+        std::erase_if(before, [](const auto& file) {
+            return file.first.string().find("clock") != std::string::npos;
+        });
+        struct stat binary {};
+        ASSERT_EQ(::lstat("/usr/bin/harbor-notes", &binary), 0);
+
+        const auto run = launch();
+        EXPECT_EQ(run.status, 0) << run.err;
+        EXPECT_NE(run.err.find("WARN: package quiet-clock is still installed by RPM after its "
+                               "erasure, it stays an RPM package\n"),
+                  std::string::npos)
+            << run.err;
+        EXPECT_EQ(installedRpms(),
+                  (std::vector<std::string>{"loose-tool", "platform-settings", "quiet-clock"}));
+        const auto verify = runProgram({"rpm", "-V", "quiet-clock"});
+        EXPECT_EQ(verify.status, 0) << verify.out;
+        for (const auto& path : clockFiles) {
+            EXPECT_EQ(attributes(path), clockBefore[path]) << path;
+            EXPECT_EQ(fs::hard_link_count(path), 1u) << path;
+        }
+
+        // harbor-notes moved without a copy of its data, and as a copy would have it.
+        const fs::path moved = "/usr/tolva/app/harbor-notes/1.2.3-1";
+        struct stat movedBinary {};
+        ASSERT_EQ(::lstat((moved / "bin/harbor-notes").c_str(), &movedBinary), 0);
+        EXPECT_EQ(movedBinary.st_ino, binary.st_ino);
+        for (const auto& [path, file] : before) {
+            SCOPED_TRACE(path);
+            const fs::path placed = fs::canonical(path);
+            EXPECT_EQ(readFile(placed), file.content);
+            EXPECT_EQ(fs::status(placed).permissions(), file.mode);
+            EXPECT_EQ(TestSupport::attribute(placed, "security.ima"), file.ima);
+            EXPECT_EQ(TestSupport::attribute(placed, "security.appid"),
+                      path.filename() == "notes.conf" ? std::nullopt
+                                                      : std::optional<std::string>("harbor-notes"));
+        }
+        EXPECT_TRUE(
+            fs::equivalent(moved / "data/data/words.db", moved / "data/data/words-backup.db"));
+        EXPECT_EQ(fs::hard_link_count(moved / "data/data/words.db"), 2u);
+        EXPECT_TRUE(fs::is_empty("/usr/tolva/tmp"));
     });
 }
