@@ -235,8 +235,12 @@ void Database::migrateFromRpm() const {
     writePreparedRecord(recorded);
 
     transaction.run();
+    std::vector<std::string> ids;
+    for (const auto& package : prepared)
+        ids.push_back(package.package.id());
+    const auto stillInstalled = Common::Rpm::installedAmong(ids);
     for (const auto& package : prepared) {
-        if (Common::Rpm::isInstalled(package.package.id())) {
+        if (stillInstalled.contains(package.package.id())) {
             LogLine(LogLevel::Warning) << "package " << package.package.id()
                                        << " is still installed by RPM after its erasure, it "
                                           "stays an RPM package";
@@ -261,8 +265,9 @@ void Database::migrateFromRpm() const {
 std::vector<std::string>
 Database::resumeInterruptedMigration(const std::vector<std::string>& recorded) const {
     std::vector<std::string> remaining;
+    const auto stillInstalled = Common::Rpm::installedAmong(recorded);
     for (const auto& id : recorded) {
-        if (Common::Rpm::isInstalled(id)) {
+        if (stillInstalled.contains(id)) {
             remaining.push_back(id);
             continue;
         }
