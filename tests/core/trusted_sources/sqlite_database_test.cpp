@@ -135,6 +135,31 @@ TEST_F(StoreFile, SourcesAndBindings) {
     EXPECT_TRUE(store.hasPackage("demo.maps"));
 }
 
+TEST_F(StoreFile, ABatchKeepsItsWritesButTheFailedOneAndNothingWhenItThrows) {
+    {
+        SQLiteDatabase store(path);
+        store.batch([&] {
+            store.addSource({"aa01", "CN=Alpha", {}});
+            store.bindPackageToSource("demo.notes", "aa01");
+            failureOf([&] { store.bindPackageToSource("demo.notes", "aa01"); });
+            failureOf([&] { store.bindPackageToSource("demo.maps", "unknown"); });
+            store.setRequired(false);
+        });
+        EXPECT_THROW(store.batch([&] {
+            store.bindPackageToSource("demo.clock", "aa01");
+            throw std::runtime_error("the run ends");
+        }),
+                     std::runtime_error);
+    }
+    SQLiteDatabase reopened(path);
+    EXPECT_EQ(reopened.source("aa01").packages, std::vector<std::string>{"demo.notes"});
+    EXPECT_FALSE(reopened.hasPackage("demo.maps"));
+    EXPECT_FALSE(reopened.hasPackage("demo.clock"));
+    EXPECT_FALSE(reopened.isRequired());
+    reopened.bindPackageToSource("demo.clock", "aa01"); // no transaction was left open
+    EXPECT_TRUE(reopened.hasPackage("demo.clock"));
+}
+
 TEST_F(StoreFile, FailedOperationsLogTheirCauseAndThrowTheirOwnMessage) {
     SQLiteDatabase store(path);
     store.addSource({"aa01", "CN=Alpha", {}});
