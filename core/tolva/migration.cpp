@@ -385,6 +385,9 @@ Database::prepareInstalledPackage(const Common::Rpm::Reader& reader,
         removeQuietly(package.tree);
         throw;
     }
+    // The file list has served (the tree and its lists are made); every package keeping its
+    // own until the end of the run would make the run's memory grow by a list per package.
+    package.package = Package(id, version, {}, orgName, appName);
     return package;
 }
 
