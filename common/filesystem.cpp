@@ -6,8 +6,10 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <map>
+#include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
+#include <system_error>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
@@ -38,6 +40,66 @@ void copyExtendedAttributes(const fs::path& from, const fs::path& to, const std:
         const std::string name(names.c_str() + offset);
         offset += name.size() + 1;
         setExtendedAttribute(to, name, getExtendedAttribute(from, name));
+    }
+}
+
+// An open file descriptor, closed with the object.
+struct Descriptor {
+    explicit Descriptor(int descriptor) : value(descriptor) {}
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    ~Descriptor() {
+        if (value >= 0)
+            ::close(value);
+    }
+    const int value;
+};
+
+[[noreturn]] void failWithErrno(const std::string& what) {
+    throw std::system_error(errno, std::generic_category(), what);
+}
+
+// Copies the rest of `in` to `out` inside the kernel: copy_file_range, which may share the
+// blocks where the file system can; sendfile where the two file systems differ.
+void copyData(int in, int out, const fs::path& from) {
+    bool ranged = true;
+    for (;;) {
+        constexpr std::size_t chunk = std::size_t(1) << 30;
+        const ssize_t copied = ranged ? ::copy_file_range(in, nullptr, out, nullptr, chunk, 0)
+                                      : ::sendfile(out, in, nullptr, chunk);
+        if (copied == 0)
+            return;
+        if (copied > 0)
+            continue;
+        if (errno == EINTR)
+            continue;
+        if (ranged && (errno == EXDEV || errno == EINVAL || errno == EOPNOTSUPP ||
+                       errno == ENOSYS || errno == EBADF)) {
+            ranged = false;
+            continue;
+        }
+        failWithErrno("copying " + from.string());
+    }
+}
+
+// A new file `to` with the data and the mode bits of the regular file `from`.
+void copyContents(const fs::path& from, const fs::path& to) {
+    const Descriptor in(::open(from.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)); // FIFOs too
+    struct stat source {};
+    if (in.value < 0 || ::fstat(in.value, &source) != 0)
+        failWithErrno("opening " + from.string());
+    if (!S_ISREG(source.st_mode))
+        throw std::runtime_error("not a regular file: " + from.string());
+    const Descriptor out(::open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, S_IWUSR));
+    if (out.value < 0)
+        failWithErrno("creating " + to.string());
+    try {
+        if (::fchmod(out.value, source.st_mode & 07777) != 0)
+            failWithErrno("setting the mode of " + to.string());
+        copyData(in.value, out.value, from);
+    } catch (...) {
+        ::unlink(to.c_str());
+        throw;
     }
 }
 
@@ -77,7 +139,7 @@ void copyFileWithExtendedAttributes(const fs::path& from, const fs::path& to) {
     try {
         if (to.has_parent_path())
             fs::create_directories(to.parent_path());
-        fs::copy_file(from, to);
+        copyContents(from, to);
     } catch (const std::exception& error) {
         LogLine(LogLevel::Error) << error;
         fail("couldn't copy file " + from.string() + " -> " + to.string());

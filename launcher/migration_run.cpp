@@ -25,9 +25,8 @@ std::string keyIdText(const std::string& keyId) {
 }
 
 // The source of every package whose client certificate the device's signature database holds.
-void registerSources() {
-    const PackageSignatures::Database signatures(PackageSignatures::Database::defaultPath);
-    Core::TrustedSources::SQLiteDatabase store;
+void registerSources(const PackageSignatures::Database& signatures,
+                     Core::TrustedSources::SQLiteDatabase& store) {
     for (const auto& name : signatures.packages()) {
         try {
             const auto certificate =
@@ -54,34 +53,43 @@ void registerSources() {
     }
 }
 
+// Every write to the store goes in one batch: one flush instead of one per package.
+void registerSources() {
+    const PackageSignatures::Database signatures(PackageSignatures::Database::defaultPath);
+    Core::TrustedSources::SQLiteDatabase store;
+    store.batch([&] { registerSources(signatures, store); });
+}
+
 // Every installed package that still has no source is bound to the source of packages
 // without one; creating that source switches the store's "required" flag off.
 void bindPackagesWithoutSource() {
     const Core::Tolva::Database database;
     Core::TrustedSources::SQLiteDatabase store;
     const std::string pseudoSource = Core::Tolva::noSourceKeyId;
-    for (const auto& data : database.installedPackages()) {
-        const auto id = data.find("general.id");
-        if (id == data.end()) {
-            Common::logWarning("couldn't retrieve ID of installed package");
-            continue;
-        }
-        try {
-            if (store.hasPackage(id->second))
+    store.batch([&] {
+        for (const auto& data : database.installedPackages()) {
+            const auto id = data.find("general.id");
+            if (id == data.end()) {
+                Common::logWarning("couldn't retrieve ID of installed package");
                 continue;
-            if (!store.hasSource(pseudoSource)) {
-                store.addSource({pseudoSource, "", {}});
-                store.setRequired(false);
             }
-            store.bindPackageToSource(id->second, pseudoSource);
-            Common::logInfo("successfully bound " + id->second + " package to source " +
-                            keyIdText(pseudoSource));
-        } catch (const Core::TrustedSources::TSError& error) {
-            Common::logError("couldn't bind " + id->second + " package to source " +
-                             keyIdText(pseudoSource));
-            LogLine(LogLevel::Error) << error;
+            try {
+                if (store.hasPackage(id->second))
+                    continue;
+                if (!store.hasSource(pseudoSource)) {
+                    store.addSource({pseudoSource, "", {}});
+                    store.setRequired(false);
+                }
+                store.bindPackageToSource(id->second, pseudoSource);
+                Common::logInfo("successfully bound " + id->second + " package to source " +
+                                keyIdText(pseudoSource));
+            } catch (const Core::TrustedSources::TSError& error) {
+                Common::logError("couldn't bind " + id->second + " package to source " +
+                                 keyIdText(pseudoSource));
+                LogLine(LogLevel::Error) << error;
+            }
         }
-    }
+    });
 }
 
 // A package whose migration did not finish keeps the run from counting as done, so that the

@@ -32,10 +32,21 @@ void Transaction::run() {
 }
 
 bool isInstalled(const std::string& name) {
-    const Transaction transaction;
-    const auto iterator = ownMatchIterator(
-        rpmtsInitIterator(transaction.handle(), RPMDBI_NAME, name.c_str(), name.size()));
-    return rpmdbNextIterator(iterator.get()) != nullptr;
+    return !installedAmong({name}).empty();
+}
+
+std::set<std::string> installedAmong(const std::vector<std::string>& names) {
+    std::set<std::string> installed;
+    if (names.empty())
+        return installed;
+    const Transaction transaction; // opening the database costs more than each question
+    for (const auto& name : names) {
+        const auto iterator = ownMatchIterator(
+            rpmtsInitIterator(transaction.handle(), RPMDBI_NAME, name.c_str(), name.size()));
+        if (rpmdbNextIterator(iterator.get()) != nullptr)
+            installed.insert(name);
+    }
+    return installed;
 }
 
 InstalledPackageIterator::InstalledPackageIterator() {

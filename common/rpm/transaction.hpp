@@ -9,6 +9,9 @@
 
 #include <functional>
 #include <rpm/rpmts.h>
+#include <set>
+#include <string>
+#include <vector>
 
 namespace Common::Rpm {
 
@@ -34,6 +37,8 @@ private:
 
 // Whether the RPM database lists a package of this name.
 bool isInstalled(const std::string& name);
+// Those of `names` that the RPM database lists, asked of one open database.
+std::set<std::string> installedAmong(const std::vector<std::string>& names);
 
 // Every installed package, in database order. Walked once.
 class InstalledPackageIterator {

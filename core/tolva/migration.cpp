@@ -4,12 +4,15 @@
 // every step is arranged to survive a failure or an interruption: the copies are flushed and
 // named in the record of prepared packages before the erase; a package that fails to install
 // goes back to the temporary directory; and the next migration takes up whatever the record
-// still names before it clears the temporary directory.
+// still names before it clears the temporary directory. Where the temporary directory is on
+// the installed files' file system, the "copies" are further names of the installed files, and
+// what the package adds to them waits until RPM has let go of them (linked_files.hpp).
 
 #include "common/error.hpp"
 #include "common/filesystem.hpp"
 #include "common/log.hpp"
 #include "core/tolva/database.hpp"
+#include "core/tolva/linked_files.hpp"
 #include "core/tolva/list_file.hpp"
 #include "core/tolva/package_metadata.hpp"
 #include "core/tolva/path_checks.hpp"
@@ -65,9 +68,11 @@ PreparedPackage preparedFromTree(const std::string& id, const fs::path& versionD
             tree};
 }
 
-// Copies the installed files of one package into its tree. The further names of a hard-link
-// set come before the name that RPM counts as carrying the data, so every name is linked to
-// the first copy of its inode once all files are copied.
+// Copies the installed files of one package into its tree. A file that nothing but its
+// installed name names, on the tree's file system, is not copied but linked: RPM's erase only
+// removes that name. The further names of a hard-link set come before the name that RPM counts
+// as carrying the data, so every name is linked to the first copy of its inode once all files
+// are copied.
 class InstalledFileCopy {
 public:
     InstalledFileCopy(const Package& package, fs::path tree, fs::path linkRoot)
@@ -90,12 +95,20 @@ public:
         }
     }
 
-    void linkFurtherNames() {
+    // The rest, once every entry was given to copy().
+    void finish() {
         for (const auto& entry : furtherNames)
             copyFile(entry);
+        if (!linked.empty())
+            linked.write(tree);
     }
 
 private:
+    struct Copy {
+        fs::path path;
+        bool linked;
+    };
+
     void copyFile(const Common::Rpm::FileIterator::Entry& entry) {
         if (!fs::exists(fs::status(entry.path))) {
             LogLine(LogLevel::Warning)
@@ -106,12 +119,21 @@ private:
         if (::lstat(entry.path.c_str(), &installed) != 0 || !S_ISREG(installed.st_mode))
             throw Error(ErrorCode::BadPackage,
                         "installed package file is not a regular file: " + entry.path.string());
-        const fs::path destination = tree / package.placedPath(entry.path);
+        const fs::path placed = package.placedPath(entry.path);
+        const fs::path destination = tree / placed;
         const auto [first, isFirst] =
-            copies.try_emplace({installed.st_dev, installed.st_ino}, destination);
+            copies.try_emplace({installed.st_dev, installed.st_ino}, Copy{destination, false});
         if (!isFirst) {
             fs::create_directories(destination.parent_path());
-            fs::create_hard_link(first->second, destination);
+            fs::create_hard_link(first->second.path, destination);
+            if (first->second.linked)
+                linked.add(placed, false);
+            return;
+        }
+        // The package's attributes wait for the erase: until then the file is RPM's.
+        if (linkInstalledFile(entry.path, installed, destination)) {
+            first->second.linked = true;
+            linked.add(placed, entry.needsSignature);
             return;
         }
         Common::copyFileWithExtendedAttributes(entry.path, destination);
@@ -123,7 +145,8 @@ private:
     const fs::path tree;
     const fs::path linkRoot;
     std::vector<Common::Rpm::FileIterator::Entry> furtherNames;
-    std::map<std::pair<dev_t, ino_t>, fs::path> copies;
+    std::map<std::pair<dev_t, ino_t>, Copy> copies;
+    LinkedFiles linked;
 };
 
 std::vector<Common::Rpm::FileIterator::Entry> fileList(const Common::Rpm::Reader& reader) {
@@ -168,9 +191,13 @@ void Database::migrateFromRpm() const {
     writePreparedRecord(recorded);
 
     transaction.run();
+    std::vector<std::string> ids;
+    for (const auto& package : prepared)
+        ids.push_back(package.package.id());
+    const auto stillInstalled = Common::Rpm::installedAmong(ids);
     for (const auto& package : prepared) {
         // Still RPM's: its copy is not needed, but it is prepared again at the next start.
-        if (Common::Rpm::isInstalled(package.package.id())) {
+        if (stillInstalled.contains(package.package.id())) {
             LogLine(LogLevel::Warning) << "package " << package.package.id()
                                        << " is still installed by RPM after its erasure";
             removeQuietly(package.tree);
@@ -196,8 +223,9 @@ void Database::migrateFromRpm() const {
 std::vector<std::string>
 Database::resumeInterruptedMigration(const std::vector<std::string>& recorded) const {
     std::vector<std::string> remaining;
+    const auto stillInstalled = Common::Rpm::installedAmong(recorded);
     for (const auto& id : recorded) {
-        if (Common::Rpm::isInstalled(id)) {
+        if (stillInstalled.contains(id)) {
             remaining.push_back(id);
             continue;
         }
@@ -304,6 +332,9 @@ Database::prepareInstalledPackage(const Common::Rpm::Reader& reader,
         removeQuietly(package.tree);
         throw;
     }
+    // The file list has served (the tree and its lists are made); every package keeping its
+    // own until the end of the run would make the run's memory grow by a list per package.
+    package.package = Package(id, version, {}, orgName, appName);
     return package;
 }
 
@@ -318,7 +349,7 @@ fs::path Database::copyPackageFilesToTempDirectory(const Package& package) const
                                versionedDirectoryPath(package.id(), package.version()));
         for (const auto& entry : package.files())
             copy.copy(entry);
-        copy.linkFurtherNames();
+        copy.finish();
     } catch (const std::exception& error) {
         LogLine(LogLevel::Error) << "failed to copy package " << package.id()
                                  << " files with mappings: " << error;
@@ -348,8 +379,10 @@ void Database::installPreparedPackage(const PreparedPackage& prepared) const {
     try {
         if (hasPackageData(versioned))
             removeQuietly(prepared.tree); // moved there by an interrupted run
-        else
+        else {
+            finishLinkedFiles(prepared.tree, package.id());
             createVersionedDirectory(package.id(), package.version(), prepared.tree);
+        }
         createMappings(versioned, package);
     } catch (...) {
         // Back to the temporary directory, where the next start finds it. A version directory

@@ -6,6 +6,7 @@
 #include <SQLiteCpp/Statement.h>
 #include <SQLiteCpp/Transaction.h>
 #include <filesystem>
+#include <sqlite3.h>
 
 namespace Core::TrustedSources {
 
@@ -30,7 +31,20 @@ void stepToRow(SQLite::Statement& query) {
         throw std::runtime_error("sql query failed: " + query.getQuery());
 }
 
+// Inside a batch (a transaction is open) a write is a savepoint, undone alone when it fails.
 template <typename Write> void inTransaction(SQLite::Database& database, Write&& write) {
+    if (sqlite3_get_autocommit(database.getHandle()) == 0) {
+        database.exec("SAVEPOINT store_write");
+        try {
+            write();
+        } catch (...) {
+            database.exec("ROLLBACK TO store_write");
+            database.exec("RELEASE store_write");
+            throw;
+        }
+        database.exec("RELEASE store_write");
+        return;
+    }
     SQLite::Transaction transaction(database);
     write();
     transaction.commit();
@@ -95,6 +109,18 @@ void SQLiteDatabase::migrateToV1() {
                            "INTEGER NOT NULL,FOREIGN KEY(source_keyid) REFERENCES sources(keyid))");
         });
     });
+}
+
+void SQLiteDatabase::batch(const std::function<void()>& work) {
+    if (!database) {
+        work();
+        return;
+    }
+    std::optional<SQLite::Transaction> transaction;
+    guarded("couldn't begin a transaction in the trusted sources database",
+            [&] { transaction.emplace(*database); });
+    work();
+    guarded("couldn't commit to the trusted sources database", [&] { transaction->commit(); });
 }
 
 SQLite::Database& SQLiteDatabase::connection() {

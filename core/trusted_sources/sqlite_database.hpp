@@ -5,6 +5,7 @@
 #include "core/trusted_sources/database.hpp"
 
 #include <SQLiteCpp/Database.h>
+#include <functional>
 #include <optional>
 
 namespace Core::TrustedSources {
@@ -29,6 +30,11 @@ public:
     void unbindPackage(const std::string& packageId) override;
     bool hasPackage(const std::string& packageId) override;
     std::vector<Source> sources() override;
+
+    // Runs `work` with every write of this store in one transaction: one flush to the disk
+    // for all of them instead of one each. A write that fails is undone alone, as without a
+    // batch; when `work` throws, or the commit fails (TSError), none of them is kept.
+    void batch(const std::function<void()>& work);
 
 private:
     void open(const std::string& path);

@@ -86,7 +86,7 @@ std::string specText(const FixturePackage& package) {
     for (std::size_t i = 0; i < package.files.size(); ++i)
         spec += installStep(package.files[i], i);
     if (!package.preuninstall.empty())
-        spec += "%preun\n" + package.preuninstall + "\n";
+        spec += "%preun -p <lua>\n" + package.preuninstall + "\n";
     spec += "%files\n";
     for (const auto& file : package.files)
         spec += filesLine(file);

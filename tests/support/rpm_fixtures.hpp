@@ -27,7 +27,7 @@ struct FixturePackage {
     std::optional<unsigned> epoch;
     std::string payload; // "%_binary_payload", e.g. "w9.gzdio"; empty keeps the default
     std::vector<FixtureFile> files;
-    std::string preuninstall = {}; // the %preun scriptlet, none when empty
+    std::string preuninstall = {}; // a %preun scriptlet in RPM's own Lua (needs no shell); or none
 };
 
 FixtureFile directory(std::string path, unsigned mode = 0);

@@ -58,7 +58,8 @@ FixturePackage quietClock() {
             {},
             {directory("/usr/share/quiet-clock"),
              file("/usr/bin/quiet-clock", "#!/bin/sh\necho tick\n", 0755),
-             file("/usr/share/quiet-clock/face.svg", "<svg/>\n")}};
+             file("/usr/share/quiet-clock/face.svg", "<svg/>\n")},
+            "if posix.access(\"/etc/quiet-clock.keep\") then error(\"kept\") end"};
 }
 
 FixturePackage platformSettings() {

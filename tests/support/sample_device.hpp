@@ -21,7 +21,8 @@ struct SampleApp {
 //   harbor-notes 1.2.3-1  developer and client signed; a manifest (org.harbor, Notes), a
 //                         binary, icons, data, a helper, a library with its link, a hard-link
 //                         set, relative, dot-relative and absolute links, a %config file
-//   quiet-clock 0.9-2     developer signed, no manifest
+//   quiet-clock 0.9-2     developer signed, no manifest; RPM fails to erase it while
+//                         /etc/quiet-clock.keep exists
 //   platform-settings 3.1-1  signed by a system developer
 //   loose-tool 1.0-1      unsigned
 std::vector<SampleApp> buildSampleApps(const std::filesystem::path& directory);

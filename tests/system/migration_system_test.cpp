@@ -16,6 +16,7 @@
 namespace fs = std::filesystem;
 using TestSupport::readFile;
 using TestSupport::runProgram;
+using namespace std::string_literals;
 
 namespace {
 
@@ -366,33 +367,81 @@ TEST(Migration, ARootThatIsFullOrReadOnlyLosesNothingAndIsRetried) {
     });
 }
 
-TEST(Migration, APackageThatRpmRefusesToEraseStaysAndIsTriedAgain) {
-    using namespace TestSupport;
-    FixturePackage stubborn{
-        "stubborn",   "1.0", "1",
-        std::nullopt, {},    {TestSupport::file("/usr/bin/stubborn", "#!/bin/sh\n", 0755)}};
-    stubborn.preuninstall = "exit 1";
-    Scratch scratch;
-    const SampleApp app{"stubborn", "developer", "", scratch / "stubborn.rpm"};
-    fs::copy_file(buildPackage(stubborn), app.file);
-    signPackage(app.file, "developer");
+TEST(Migration, OnTheInstalledFilesFileSystemLinksAndLeavesAPackageThatStaysUntouched) {
+    TestSupport::Scratch scratch;
+    const auto apps = TestSupport::buildSampleApps(scratch.path());
     SANDBOXED([&] {
-        installDevice({app});
-        for (int start = 0; start < 2; ++start) {
-            const auto run = launch();
-            EXPECT_EQ(run.status, 1);
-            EXPECT_NE(run.err.find("WARN: package stubborn is still installed by RPM after its "
-                                   "erasure\n"),
-                      std::string::npos)
-                << run.err;
-            EXPECT_NE(run.err.find("ERROR: package stubborn waits to be migrated at the next "
-                                   "start\n"),
-                      std::string::npos);
-            const auto verify = runProgram({"rpm", "-V", "--nodeps", "stubborn"});
-            EXPECT_EQ(verify.status, 0) << verify.out << verify.err;
-            EXPECT_FALSE(fs::exists("/opt/app/stubborn"));
-            EXPECT_FALSE(fs::exists("/opt/tolva/tmp/stubborn"));
-            EXPECT_FALSE(fs::exists(stamp));
+        installDevice(apps);
+        TestSupport::writeFile("/etc/tolva/tolva.conf",
+                               "[database]\nroot_directory=/usr/tolva/app\n"
+                               "temp_directory=/usr/tolva/tmp\n");
+        // RPM refuses to erase quiet-clock after its files were linked: they stay RPM's, every
+        // attribute byte for byte, an earlier "security.appid" too.
+        TestSupport::writeFile("/etc/quiet-clock.keep", "");
+        TestSupport::putAttribute("/usr/bin/quiet-clock", "security.appid", "older\0id"s);
+        TestSupport::putAttribute("/usr/bin/harbor-notes", "security.ima", "ima-of-notes");
+        const auto attributes = [](const fs::path& path) {
+            std::vector<std::pair<std::string, std::optional<std::string>>> all;
+            for (const auto& name : TestSupport::attributeNames(path))
+                all.emplace_back(name, TestSupport::attribute(path, name));
+            return all;
+        };
+        const fs::path clockFiles[] = {"/usr/bin/quiet-clock", "/usr/share/quiet-clock/face.svg"};
+        std::map<fs::path, decltype(attributes(""))> clockBefore;
+        for (const auto& path : clockFiles)
+            clockBefore[path] = attributes(path);
+        auto before = installedFiles();
+        std::erase_if(before, [](const auto& file) {
+            return file.first.string().find("clock") != std::string::npos;
+        });
+        struct stat binary {};
+        ASSERT_EQ(::lstat("/usr/bin/harbor-notes", &binary), 0);
+
+        const auto run = launch();
+        EXPECT_EQ(run.status, 1);
+        EXPECT_NE(run.err.find("WARN: package quiet-clock is still installed by RPM after its "
+                               "erasure\n"),
+                  std::string::npos)
+            << run.err;
+        EXPECT_NE(run.err.find("ERROR: package quiet-clock waits to be migrated at the next "
+                               "start\n"),
+                  std::string::npos);
+        EXPECT_FALSE(fs::exists(stamp));
+        EXPECT_EQ(installedRpms(),
+                  (std::vector<std::string>{"loose-tool", "platform-settings", "quiet-clock"}));
+        const auto verify = runProgram({"rpm", "-V", "quiet-clock"});
+        EXPECT_EQ(verify.status, 0) << verify.out;
+        for (const auto& path : clockFiles) {
+            EXPECT_EQ(attributes(path), clockBefore[path]) << path;
+            EXPECT_EQ(fs::hard_link_count(path), 1u) << path;
         }
+
+        // harbor-notes moved without a copy of its data, and as a copy would have it.
+        const fs::path moved = "/usr/tolva/app/harbor-notes/1.2.3-1";
+        struct stat movedBinary {};
+        ASSERT_EQ(::lstat((moved / "bin/harbor-notes").c_str(), &movedBinary), 0);
+        EXPECT_EQ(movedBinary.st_ino, binary.st_ino);
+        for (const auto& [path, file] : before) {
+            SCOPED_TRACE(path);
+            const fs::path placed = fs::canonical(path);
+            EXPECT_EQ(readFile(placed), file.content);
+            EXPECT_EQ(fs::status(placed).permissions(), file.mode);
+            EXPECT_EQ(TestSupport::attribute(placed, "security.ima"), file.ima);
+            EXPECT_EQ(TestSupport::attribute(placed, "security.appid"),
+                      path.filename() == "notes.conf" ? std::nullopt
+                                                      : std::optional<std::string>("harbor-notes"));
+        }
+        EXPECT_TRUE(
+            fs::equivalent(moved / "data/data/words.db", moved / "data/data/words-backup.db"));
+        EXPECT_EQ(fs::hard_link_count(moved / "data/data/words.db"), 2u);
+
+        // Once RPM lets it go, the next start moves it.
+        fs::remove("/etc/quiet-clock.keep");
+        const auto retried = launch();
+        EXPECT_EQ(retried.status, 0) << retried.err;
+        EXPECT_EQ(readFile("/usr/tolva/app/quiet-clock/0.9-2/bin/quiet-clock"),
+                  "#!/bin/sh\necho tick\n");
+        EXPECT_TRUE(fs::exists(stamp));
+        EXPECT_TRUE(fs::is_empty("/usr/tolva/tmp"));
     });
 }

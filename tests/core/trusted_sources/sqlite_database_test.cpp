@@ -127,6 +127,33 @@ TEST(TrustedSourcesStore, SourcesAndBindings) {
     EXPECT_FALSE(store.hasPackage("demo.x"));
 }
 
+TEST(TrustedSourcesStore, ABatchKeepsItsWritesButTheFailedOneAndNothingWhenItThrows) {
+    TestSupport::Scratch scratch;
+    const std::string path = scratch / "db.sqlite3";
+    {
+        SQLiteDatabase store(path);
+        store.batch([&] {
+            store.addSource({"aa01", "CN=Alpha", {}});
+            store.bindPackageToSource("demo.notes", "aa01");
+            failureOf([&] { store.bindPackageToSource("demo.notes", "aa01"); });
+            failureOf([&] { store.bindPackageToSource("demo.maps", "unknown"); });
+            store.setRequired(false);
+        });
+        EXPECT_THROW(store.batch([&] {
+            store.bindPackageToSource("demo.clock", "aa01");
+            throw std::runtime_error("the run ends");
+        }),
+                     std::runtime_error);
+    }
+    SQLiteDatabase reopened(path);
+    EXPECT_EQ(reopened.source("aa01").packages, std::vector<std::string>{"demo.notes"});
+    EXPECT_FALSE(reopened.hasPackage("demo.maps"));
+    EXPECT_FALSE(reopened.hasPackage("demo.clock"));
+    EXPECT_FALSE(reopened.isRequired());
+    reopened.bindPackageToSource("demo.clock", "aa01"); // no transaction was left open
+    EXPECT_TRUE(reopened.hasPackage("demo.clock"));
+}
+
 TEST(TrustedSourcesStore, DefaultPathAndFilesThatCannotBeUsed) {
     SANDBOXED([] {
         fs::remove_all("/var/lib/trusted-sources");
