@@ -17,12 +17,12 @@ namespace Core::Tolva {
 
 namespace {
 
-pt::ptree readConfiguration() {
+pt::ptree readConfiguration(const fs::path& file) {
     pt::ptree tree;
     try {
-        pt::read_ini(configurationPath, tree);
+        pt::read_ini(file.string(), tree);
     } catch (const std::exception&) {
-        Common::logWarning(std::string("couldn't parse config file: ") + configurationPath);
+        Common::logWarning("couldn't parse config file: " + file.string());
         return {};
     }
     return tree;
@@ -74,8 +74,8 @@ void moveDirectory(const fs::path& from, const fs::path& to) {
 
 } // namespace
 
-Database::Database() {
-    const auto configuration = readConfiguration();
+Database::Database(const fs::path& configurationFile) {
+    const auto configuration = readConfiguration(configurationFile);
     root = configuration.get<std::string>("database.root_directory", "/opt/app");
     temp = configuration.get<std::string>("database.temp_directory", "/opt/tolva/tmp");
 }
