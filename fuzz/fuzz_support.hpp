@@ -12,9 +12,12 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <unistd.h>
 
 namespace Fuzz {
+
+inline constexpr std::string_view byteOrderMark = "\xEF\xBB\xBF";
 
 // A broken expectation: reported and aborted on, so that the fuzzer keeps the input.
 inline void require(bool ok, const char* what) {
@@ -22,6 +25,16 @@ inline void require(bool ok, const char* what) {
         return;
     std::fprintf(stderr, "fuzz check failed: %s\n", what);
     std::abort();
+}
+
+// `reader` gives the same for `bytes` with a leading byte-order mark as without: it is called
+// with a name for a scratch file and the bytes.
+template <typename Read>
+void requireByteOrderMarkChangesNothing(const std::string& bytes, Read reader) {
+    const auto plain = reader("plain", bytes);
+    if (!bytes.starts_with(byteOrderMark))
+        require(reader("marked", std::string(byteOrderMark) + bytes) == plain,
+                "a byte-order mark changes nothing");
 }
 
 // A directory of this process under the temporary directory, removed at exit.
@@ -50,11 +63,10 @@ private:
 };
 
 // Replaces the scratch file `name` with `bytes` and returns its path.
-inline std::filesystem::path writeScratchFile(const std::string& name, const std::uint8_t* bytes,
-                                              std::size_t size) {
+inline std::filesystem::path writeScratchFile(const std::string& name, std::string_view bytes) {
     const auto file = ScratchDirectory::shared() / name;
     std::ofstream out(file, std::ios::binary | std::ios::trunc);
-    out.write(reinterpret_cast<const char*>(bytes), static_cast<std::streamsize>(size));
+    out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
     out.close();
     require(static_cast<bool>(out), "the scratch file can be written");
     return file;

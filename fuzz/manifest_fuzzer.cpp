@@ -3,20 +3,24 @@
 #include "fuzz/fuzz_support.hpp"
 #include "platform/app_manifest/manifest_entry.hpp"
 
-using AppManifest::ManifestEntry;
+#include <optional>
+#include <utility>
+
+namespace {
+
+// The organisation and application names, or nothing when the bytes are no manifest.
+std::optional<std::pair<std::string, std::string>> readManifest(const std::string&,
+                                                                const std::string& bytes) {
+    const auto entry = AppManifest::ManifestEntry::fromBytes(std::string_view(bytes));
+    if (!entry)
+        return std::nullopt;
+    return std::make_pair(entry->appOrgname(), entry->appName());
+}
+
+} // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    constexpr std::string_view mark = "\xEF\xBB\xBF";
-    const std::string bytes(reinterpret_cast<const char*>(data), size);
-    const auto entry = ManifestEntry::fromBytes(std::string_view(bytes));
-    if (bytes.starts_with(mark))
-        return 0;
-    const auto marked = ManifestEntry::fromBytes(std::string(mark) + bytes);
-    Fuzz::require(entry.has_value() == marked.has_value(),
-                  "a byte-order mark does not change whether a manifest reads");
-    if (entry)
-        Fuzz::require(entry->appOrgname() == marked->appOrgname() &&
-                          entry->appName() == marked->appName(),
-                      "a byte-order mark does not change the names");
+    Fuzz::requireByteOrderMarkChangesNothing(std::string(reinterpret_cast<const char*>(data), size),
+                                             readManifest);
     return 0;
 }

@@ -30,7 +30,8 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    const auto file = Fuzz::writeScratchFile("package.rpm", data, size);
+    const auto file = Fuzz::writeScratchFile(
+        "package.rpm", std::string_view(reinterpret_cast<const char*>(data), size));
     const auto signatures = signaturesOf(file);
     try {
         const Pkgsig::PackageFile package(file);

@@ -9,6 +9,9 @@
 #include <boost/property_tree/ini_parser.hpp>
 #include <boost/property_tree/ptree.hpp>
 #include <fstream>
+#include <iterator>
+#include <sstream>
+#include <string_view>
 
 namespace fs = std::filesystem;
 namespace pt = boost::property_tree;
@@ -17,10 +20,27 @@ namespace Core::Tolva {
 
 namespace {
 
+// Boost's INI reader takes a leading UTF-8 byte-order mark for part of the first line, so the
+// mark is dropped first. Throws std::exception.
+pt::ptree readIniFile(const fs::path& file) {
+    constexpr std::string_view byteOrderMark = "\xEF\xBB\xBF";
+    std::ifstream stream(file);
+    if (!stream)
+        throw std::runtime_error("cannot open " + file.string());
+    // A read error throws std::ios_base::failure from here.
+    std::string text{std::istreambuf_iterator<char>(stream), {}};
+    if (text.starts_with(byteOrderMark))
+        text.erase(0, byteOrderMark.size());
+    std::istringstream bytes(std::move(text));
+    pt::ptree tree;
+    pt::read_ini(bytes, tree);
+    return tree;
+}
+
 pt::ptree readConfiguration(const fs::path& file) {
     pt::ptree tree;
     try {
-        pt::read_ini(file.string(), tree);
+        tree = readIniFile(file);
     } catch (const std::exception&) {
         Common::logWarning("couldn't parse config file: " + file.string());
         return {};
@@ -89,7 +109,7 @@ PackageData Database::readPackageDataFile(const fs::path& file) {
         corrupted("velmor.pkg doesn't exist: " + file.string());
     pt::ptree tree;
     try {
-        pt::read_ini(file.string(), tree);
+        tree = readIniFile(file);
     } catch (const std::exception&) {
         corrupted("couldn't parse velmor.pkg file: " + file.string());
     }

@@ -130,3 +130,21 @@ TEST(PackageDataFile, WrittenInItsFixedOrderAndReadBack) {
                              Common::ErrorCode::Filesystem));
     fs::remove_all(directory);
 }
+
+// Editors on some systems start a UTF-8 text with a byte-order mark; a velmor.pkg that does
+// must not read as corrupted, or the repair pass deletes the package.
+TEST(DatabaseFiles, ALeadingByteOrderMarkIsSkipped) {
+    const auto directory = fs::temp_directory_path() / ("bom-" + std::to_string(::getpid()));
+    const std::string mark = "\xEF\xBB\xBF";
+    writeText(directory / "tolva.conf", mark + "[database]\nroot_directory=/srv/apps\n");
+    std::optional<Database> database;
+    EXPECT_EQ(captureStderr([&] { database.emplace(directory / "tolva.conf"); }), "");
+    EXPECT_EQ(database->rootDirectory(), "/srv/apps");
+    EXPECT_EQ(database->tempDirectory(), "/opt/tolva/tmp");
+
+    writeText(directory / "velmor.pkg",
+              mark + "[general]\nid=demo.notes\nversion=1\n[certificate]\nid=c\nsubgroup=s\n");
+    EXPECT_EQ(Database::readPackageDataFile(directory / "velmor.pkg").at("general.id"),
+              "demo.notes");
+    fs::remove_all(directory);
+}
