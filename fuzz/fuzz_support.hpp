@@ -13,7 +13,6 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
-#include <unistd.h>
 
 namespace Fuzz {
 

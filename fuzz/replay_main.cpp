@@ -11,6 +11,8 @@
 #include <vector>
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
+// Defined by the harnesses that prepare something once, as libFuzzer calls it.
+extern "C" __attribute__((weak)) int LLVMFuzzerInitialize(int* argc, char*** argv);
 
 namespace fs = std::filesystem;
 
@@ -30,6 +32,8 @@ std::vector<fs::path> inputsOf(const fs::path& argument) {
 } // namespace
 
 int main(int argc, char** argv) {
+    if (LLVMFuzzerInitialize)
+        LLVMFuzzerInitialize(&argc, &argv);
     std::size_t replayed = 0;
     for (int i = 1; i < argc; ++i)
         for (const auto& input : inputsOf(argv[i])) {
