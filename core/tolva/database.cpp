@@ -11,6 +11,7 @@
 #include <boost/property_tree/ptree.hpp>
 #include <fstream>
 #include <sstream>
+#include <string_view>
 
 namespace fs = std::filesystem;
 namespace pt = boost::property_tree;
@@ -19,15 +20,28 @@ namespace Core::Tolva {
 
 namespace {
 
-pt::ptree readConfiguration() {
+// Boost's INI reader takes a leading UTF-8 byte-order mark for part of the first line, so the
+// mark is dropped first. Throws std::exception.
+pt::ptree parseIni(std::string text) {
+    constexpr std::string_view byteOrderMark = "\xEF\xBB\xBF";
+    if (text.starts_with(byteOrderMark))
+        text.erase(0, byteOrderMark.size());
+    std::istringstream bytes(std::move(text));
     pt::ptree tree;
+    pt::read_ini(bytes, tree);
+    return tree;
+}
+
+pt::ptree readConfiguration(const fs::path& file) {
     try {
-        pt::read_ini(configurationPath, tree);
+        auto text = Common::readRegularFile(file);
+        if (!text)
+            throw std::runtime_error("not a regular file");
+        return parseIni(std::move(*text));
     } catch (const std::exception&) {
-        Common::logWarning(std::string("couldn't parse config file: ") + configurationPath);
+        Common::logWarning("couldn't parse config file: " + file.string());
         return {};
     }
-    return tree;
 }
 
 // Absent, or not reachable at all (a loop of links, a path through a file).
@@ -159,8 +173,8 @@ fs::path configuredDirectory(const pt::ptree& configuration, const char* key,
 
 } // namespace
 
-Database::Database() {
-    const auto configuration = readConfiguration();
+Database::Database(const fs::path& configurationFile) {
+    const auto configuration = readConfiguration(configurationFile);
     root = configuredDirectory(configuration, "database.root_directory", "/opt/app");
     temp = configuredDirectory(configuration, "database.temp_directory", "/opt/tolva/tmp");
     // Each would otherwise clear or list the other.
@@ -201,8 +215,7 @@ PackageData Database::readPackageDataEntries(const fs::path& file) {
     try {
         if (!text)
             throw std::runtime_error("not a regular file");
-        std::istringstream stream(*text);
-        pt::read_ini(stream, tree);
+        tree = parseIni(std::move(*text));
     } catch (const std::exception&) {
         corrupted("couldn't parse velmor.pkg file: " + file.string());
     }

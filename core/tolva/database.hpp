@@ -35,7 +35,9 @@ struct PreparedPackage {
 class Database {
 public:
     // Reads the configuration; a missing or bad file is a warning and gives the defaults.
-    Database();
+    Database() : Database(configurationPath) {}
+    // The same with the configuration read from `configurationFile`.
+    explicit Database(const std::filesystem::path& configurationFile);
 
     const std::filesystem::path& rootDirectory() const { return root; }
     const std::filesystem::path& tempDirectory() const { return temp; }

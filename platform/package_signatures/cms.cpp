@@ -2,7 +2,7 @@
 
 #include "platform/package_signatures/oids.hpp"
 
-#include <cstring>
+#include <algorithm>
 #include <limits>
 #include <openssl/err.h>
 #include <stdexcept>
@@ -34,7 +34,8 @@ Bytes wrapInSequence(const Bytes& content) {
     Bytes bytes(static_cast<std::size_t>(ASN1_object_size(1, contentSize, V_ASN1_SEQUENCE)));
     unsigned char* out = bytes.data();
     ASN1_put_object(&out, 1, contentSize, V_ASN1_SEQUENCE, V_ASN1_UNIVERSAL);
-    std::memcpy(out, content.data(), content.size());
+    // An empty list has no data pointer, which memcpy may not be given.
+    std::copy(content.begin(), content.end(), out);
     return bytes;
 }
 

@@ -29,6 +29,9 @@ static void step(void) {
 }
 
 __attribute__((constructor)) static void start(void) {
+    /* A sanitizer runtime starts before this library and may already have written (with
+     * log_path set, for one); those calls are none of the program's. */
+    calls = 0;
     const char* at = getenv("TOLVA_CRASH_AT");
     if (at)
         crashAt = atol(at);

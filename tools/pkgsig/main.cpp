@@ -2,16 +2,16 @@
 
 #include "platform/package_signatures/database.hpp"
 #include "tools/common/tool_main.hpp"
+#include "tools/pkgsig/command_line.hpp"
 #include "tools/pkgsig/commands.hpp"
 
 #include <iostream>
-#include <map>
-#include <set>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
 namespace {
+
+using Pkgsig::CommandLine;
 
 constexpr const char* helpText = R"(Usage: pkgsig COMMAND [OPTIONS] [PACKAGE]
 
@@ -66,105 +66,18 @@ Exit status: 0 on success, 1 when the command fails (a one-line reason on standa
 2 when the command line is wrong.
 )";
 
-using Tools::UsageError;
-
-struct CommandLine {
-    std::string command;
-    std::map<std::string, std::string> options;
-    std::vector<std::string> operands;
-};
-
-// Which options each command takes, and how many operands (the package).
-const std::map<std::string, std::pair<std::set<std::string>, std::size_t>> commands = {
-    {"sign",
-     {{"--developer-key", "--developer-cert", "--client-key", "--client-cert", "--ca", "--output",
-       "--signing-time"},
-      1}},
-    {"show", {{}, 1}},
-    {"verify", {{"--ca"}, 1}},
-    {"import", {{"--ca", "--database"}, 1}},
-    {"list", {{"--database"}, 0}},
-};
-
-CommandLine parse(const std::vector<std::string>& arguments) {
-    CommandLine line;
-    line.command = arguments.front();
-    const auto found = commands.find(line.command);
-    if (found == commands.end())
-        throw UsageError("unknown command \"" + line.command + "\"");
-    const auto& [allowed, operandCount] = found->second;
-    for (std::size_t i = 1; i < arguments.size(); ++i) {
-        const std::string& argument = arguments[i];
-        if (!argument.starts_with("--") || argument == "--") {
-            line.operands.push_back(argument);
-            continue;
-        }
-        const auto equals = argument.find('=');
-        const std::string name = argument.substr(0, equals);
-        if (!allowed.contains(name))
-            throw UsageError(line.command + " takes no option " + name);
-        std::string value;
-        if (equals != std::string::npos)
-            value = argument.substr(equals + 1);
-        else if (i + 1 < arguments.size())
-            value = arguments[++i];
-        else
-            throw UsageError(name + " needs a value");
-        if (value.empty())
-            throw UsageError(name + " needs a value");
-        if (!line.options.emplace(name, value).second)
-            throw UsageError(name + " is given twice");
-    }
-    if (line.operands.size() != operandCount)
-        throw UsageError(line.command +
-                         (operandCount ? " takes one package file" : " takes no package file"));
-    return line;
-}
-
-std::string option(const CommandLine& line, const std::string& name, bool required = true) {
-    const auto found = line.options.find(name);
-    if (found != line.options.end())
-        return found->second;
-    if (required)
-        throw UsageError(line.command + " needs " + name);
-    return "";
-}
-
-std::time_t parseSigningTime(const std::string& text) {
-    std::size_t used = 0;
-    long long seconds = -1;
-    try {
-        seconds = std::stoll(text, &used);
-    } catch (const std::exception&) {
-    }
-    if (used != text.size() || seconds < 0)
-        throw UsageError("--signing-time takes seconds since 1970, not \"" + text + "\"");
-    return static_cast<std::time_t>(seconds);
-}
-
 void run(const CommandLine& line) {
-    const std::string database = option(line, "--database", false).empty()
+    const std::string database = line.option("--database", false).empty()
                                      ? PackageSignatures::Database::defaultPath
-                                     : option(line, "--database");
+                                     : line.option("--database");
     if (line.command == "sign") {
-        Pkgsig::SignOptions options{line.operands.front(),
-                                    option(line, "--developer-key"),
-                                    option(line, "--developer-cert"),
-                                    option(line, "--client-key", false),
-                                    option(line, "--client-cert", false),
-                                    option(line, "--output", false),
-                                    option(line, "--ca", false),
-                                    std::nullopt};
-        if (const auto time = option(line, "--signing-time", false); !time.empty())
-            options.signingTime = parseSigningTime(time);
-        Pkgsig::sign(options, std::cout);
+        Pkgsig::sign(Pkgsig::signOptions(line), std::cout);
     } else if (line.command == "show") {
         Pkgsig::show(line.operands.front(), std::cout);
     } else if (line.command == "verify") {
-        Pkgsig::verify(line.operands.front(), option(line, "--ca"), std::cout);
+        Pkgsig::verify(line.operands.front(), line.option("--ca"), std::cout);
     } else if (line.command == "import") {
-        Pkgsig::importCertificates(line.operands.front(), option(line, "--ca"), database,
-                                   std::cout);
+        Pkgsig::importCertificates(line.operands.front(), line.option("--ca"), database, std::cout);
     } else {
         Pkgsig::list(database, std::cout);
     }
@@ -174,5 +87,5 @@ void run(const CommandLine& line) {
 
 int main(int argc, char** argv) {
     return Tools::runTool("pkgsig", helpText, argc, argv,
-                          [](const auto& arguments) { run(parse(arguments)); });
+                          [](const auto& arguments) { run(Pkgsig::parseCommandLine(arguments)); });
 }

@@ -109,3 +109,21 @@ TEST(PackageDataFile, WrittenInItsFixedOrderAndReadBack) {
         "couldn't create velmor.pkg file " +
             (directory.path() / "missing" / "velmor.pkg").string());
 }
+
+// Editors on some systems start a UTF-8 text with a byte-order mark; a velmor.pkg that does
+// must not read as corrupted, or the repair pass deletes the package.
+TEST(DatabaseFiles, ALeadingByteOrderMarkIsSkipped) {
+    TestSupport::Scratch scratch;
+    const fs::path directory = scratch.path();
+    const std::string mark = "\xEF\xBB\xBF";
+    TestSupport::writeFile(directory / "tolva.conf", mark + "[database]\nroot_directory=/srv/apps\n");
+    std::optional<Database> database;
+    EXPECT_EQ(captureStderr([&] { database.emplace(directory / "tolva.conf"); }), "");
+    EXPECT_EQ(database->rootDirectory(), "/srv/apps");
+    EXPECT_EQ(database->tempDirectory(), "/opt/tolva/tmp");
+
+    TestSupport::writeFile(directory / "velmor.pkg",
+              mark + "[general]\nid=demo.notes\nversion=1\n[certificate]\nid=c\nsubgroup=s\n");
+    EXPECT_EQ(Database::readPackageDataFile(directory / "velmor.pkg").at("general.id"),
+              "demo.notes");
+}
