@@ -109,12 +109,34 @@ private:
         bool linked;
     };
 
+    // A file that is gone, before its copy or while it is made, is left out with a warning: it
+    // is gone from the RPM package as well.
     void copyFile(const Common::Rpm::FileIterator::Entry& entry) {
         if (!fs::exists(fs::status(entry.path))) {
-            LogLine(LogLevel::Warning)
-                << "attempt to copy a non-existent file during package migration: " << entry.path;
+            warnNonExistent(entry.path);
             return;
         }
+        try {
+            copyExistingFile(entry);
+        } catch (const std::exception&) {
+            struct stat status {};
+            if (::lstat(entry.path.c_str(), &status) == 0 || errno != ENOENT)
+                throw;
+            const fs::path destination = tree / package.placedPath(entry.path);
+            std::erase_if(copies,
+                          [&](const auto& copy) { return copy.second.path == destination; });
+            std::error_code ignored;
+            fs::remove(destination, ignored);
+            warnNonExistent(entry.path);
+        }
+    }
+
+    static void warnNonExistent(const fs::path& path) {
+        LogLine(LogLevel::Warning)
+            << "attempt to copy a non-existent file during package migration: " << path;
+    }
+
+    void copyExistingFile(const Common::Rpm::FileIterator::Entry& entry) {
         struct stat installed {};
         if (::lstat(entry.path.c_str(), &installed) != 0 || !S_ISREG(installed.st_mode))
             throw Error(ErrorCode::BadPackage,

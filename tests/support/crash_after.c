@@ -2,7 +2,9 @@
  * (opening for writing, writing, renaming, linking, removing, creating directories, setting
  * attributes and modes, truncating, copying) and kills the program with SIGKILL just before the
  * call numbered TOLVA_CRASH_AT. With TOLVA_CRASH_COUNT set it writes the number of calls it saw
- * to that file when the program exits normally. */
+ * to that file when the program exits normally. With TOLVA_VANISH set, the file at that path is
+ * removed just before the program first touches it by its path for its data (listing its
+ * attributes, linking it, opening it): a file that vanishes while the program copies it. */
 
 #define _GNU_SOURCE
 #undef _FORTIFY_SOURCE
@@ -23,6 +25,16 @@ static long crashAt = -1;
 static long calls = 0;
 static const char* countFile = NULL;
 
+static const char* vanish = NULL;
+
+static void vanishBefore(const char* path) {
+    if (!vanish || !path || strcmp(path, vanish) != 0)
+        return;
+    int (*realUnlink)(const char*) = dlsym(RTLD_NEXT, "unlink");
+    realUnlink(vanish);
+    vanish = NULL;
+}
+
 static void step(void) {
     if (++calls == crashAt)
         kill(getpid(), SIGKILL);
@@ -36,6 +48,7 @@ __attribute__((constructor)) static void start(void) {
     if (at)
         crashAt = atol(at);
     countFile = getenv("TOLVA_CRASH_COUNT");
+    vanish = getenv("TOLVA_VANISH");
 }
 
 __attribute__((destructor)) static void finish(void) {
@@ -53,13 +66,13 @@ __attribute__((destructor)) static void finish(void) {
 }
 
 /* Every call is counted, then handed to the next definition of the same function. */
-#define COUNTED(result, name, parameters, arguments)                                             \
-    result name parameters {                                                                     \
-        static result(*next) parameters = NULL;                                                  \
-        if (!next)                                                                               \
-            next = dlsym(RTLD_NEXT, #name);                                                      \
-        step();                                                                                  \
-        return next arguments;                                                                   \
+#define COUNTED(result, name, parameters, arguments)                                               \
+    result name parameters {                                                                       \
+        static result(*next) parameters = NULL;                                                    \
+        if (!next)                                                                                 \
+            next = dlsym(RTLD_NEXT, #name);                                                        \
+        step();                                                                                    \
+        return next arguments;                                                                     \
     }
 
 COUNTED(ssize_t, write, (int fd, const void* data, size_t size), (fd, data, size))
@@ -73,7 +86,25 @@ COUNTED(int, renameat, (int fromDir, const char* from, int toDir, const char* to
 COUNTED(int, renameat2,
         (int fromDir, const char* from, int toDir, const char* to, unsigned int flags),
         (fromDir, from, toDir, to, flags))
-COUNTED(int, link, (const char* from, const char* to), (from, to))
+int link(const char* from, const char* to) {
+    static int (*next)(const char*, const char*) = NULL;
+    if (!next)
+        next = dlsym(RTLD_NEXT, "link");
+    vanishBefore(from);
+    step();
+    return next(from, to);
+}
+
+#define VANISHING_LIST(name)                                                                       \
+    ssize_t name(const char* path, char* list, size_t size) {                                      \
+        static ssize_t (*next)(const char*, char*, size_t) = NULL;                                 \
+        if (!next)                                                                                 \
+            next = dlsym(RTLD_NEXT, #name);                                                        \
+        vanishBefore(path);                                                                        \
+        return next(path, list, size);                                                             \
+    }
+VANISHING_LIST(listxattr)
+VANISHING_LIST(llistxattr)
 COUNTED(int, linkat, (int fromDir, const char* from, int toDir, const char* to, int flags),
         (fromDir, from, toDir, to, flags))
 COUNTED(int, symlink, (const char* target, const char* path), (target, path))
@@ -116,45 +147,47 @@ static int writing(int flags) {
     return (flags & (O_WRONLY | O_RDWR | O_CREAT | O_TRUNC)) != 0;
 }
 
-#define COUNTED_OPEN(name)                                                                       \
-    int name(const char* path, int flags, ...) {                                                 \
-        static int (*next)(const char*, int, ...) = NULL;                                        \
-        if (!next)                                                                               \
-            next = dlsym(RTLD_NEXT, #name);                                                      \
-        va_list rest;                                                                            \
-        va_start(rest, flags);                                                                   \
-        const mode_t mode = modeArgument(flags, rest);                                           \
-        va_end(rest);                                                                            \
-        if (writing(flags))                                                                      \
-            step();                                                                              \
-        return next(path, flags, mode);                                                          \
+#define COUNTED_OPEN(name)                                                                         \
+    int name(const char* path, int flags, ...) {                                                   \
+        static int (*next)(const char*, int, ...) = NULL;                                          \
+        if (!next)                                                                                 \
+            next = dlsym(RTLD_NEXT, #name);                                                        \
+        va_list rest;                                                                              \
+        va_start(rest, flags);                                                                     \
+        const mode_t mode = modeArgument(flags, rest);                                             \
+        va_end(rest);                                                                              \
+        vanishBefore(path);                                                                        \
+        if (writing(flags))                                                                        \
+            step();                                                                                \
+        return next(path, flags, mode);                                                            \
     }
-#define COUNTED_OPENAT(name)                                                                     \
-    int name(int dir, const char* path, int flags, ...) {                                        \
-        static int (*next)(int, const char*, int, ...) = NULL;                                   \
-        if (!next)                                                                               \
-            next = dlsym(RTLD_NEXT, #name);                                                      \
-        va_list rest;                                                                            \
-        va_start(rest, flags);                                                                   \
-        const mode_t mode = modeArgument(flags, rest);                                           \
-        va_end(rest);                                                                            \
-        if (writing(flags))                                                                      \
-            step();                                                                              \
-        return next(dir, path, flags, mode);                                                     \
+#define COUNTED_OPENAT(name)                                                                       \
+    int name(int dir, const char* path, int flags, ...) {                                          \
+        static int (*next)(int, const char*, int, ...) = NULL;                                     \
+        if (!next)                                                                                 \
+            next = dlsym(RTLD_NEXT, #name);                                                        \
+        va_list rest;                                                                              \
+        va_start(rest, flags);                                                                     \
+        const mode_t mode = modeArgument(flags, rest);                                             \
+        va_end(rest);                                                                              \
+        vanishBefore(path);                                                                        \
+        if (writing(flags))                                                                        \
+            step();                                                                                \
+        return next(dir, path, flags, mode);                                                       \
     }
 COUNTED_OPEN(open)
 COUNTED_OPEN(open64)
 COUNTED_OPENAT(openat)
 COUNTED_OPENAT(openat64)
 
-#define COUNTED_FOPEN(name)                                                                      \
-    FILE* name(const char* path, const char* mode) {                                             \
-        static FILE* (*next)(const char*, const char*) = NULL;                                   \
-        if (!next)                                                                               \
-            next = dlsym(RTLD_NEXT, #name);                                                      \
-        if (strpbrk(mode, "wa+"))                                                                \
-            step();                                                                              \
-        return next(path, mode);                                                                 \
+#define COUNTED_FOPEN(name)                                                                        \
+    FILE* name(const char* path, const char* mode) {                                               \
+        static FILE* (*next)(const char*, const char*) = NULL;                                     \
+        if (!next)                                                                                 \
+            next = dlsym(RTLD_NEXT, #name);                                                        \
+        if (strpbrk(mode, "wa+"))                                                                  \
+            step();                                                                                \
+        return next(path, mode);                                                                   \
     }
 COUNTED_FOPEN(fopen)
 COUNTED_FOPEN(fopen64)

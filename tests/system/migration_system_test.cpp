@@ -27,6 +27,12 @@ TestSupport::ProcessResult launch() {
     return runProgram({TOLVA_MIGRATE});
 }
 
+// The launcher with the file at `path` removed as it first reads it.
+TestSupport::ProcessResult launchVanishing(const fs::path& path) {
+    return runProgram(
+        {"env", "LD_PRELOAD=" TOLVA_FAULT_PRELOAD, "TOLVA_VANISH=" + path.string(), TOLVA_MIGRATE});
+}
+
 std::string keyId(const std::string& certificate) {
     return PackageSignatures::Certificate::fromPem(
                readFile(TestSupport::TestPki::shared().certificate(certificate)))
@@ -78,14 +84,16 @@ TEST(Migration, MovesTheSignedApplicationsAndLeavesTheOthers) {
     const auto apps = TestSupport::buildSampleApps(scratch.path());
     SANDBOXED([&] {
         installDevice(apps);
-        // The installed files' own attributes travel; a file deleted since its install is
-        // only warned about.
+        // The installed files' own attributes travel; a file deleted since its install, or
+        // while it is copied, is only warned about.
         TestSupport::putAttribute("/usr/bin/harbor-notes", "security.ima", "ima-of-notes");
         fs::remove("/usr/share/icons/hicolor/128x128/apps/harbor-notes.png");
-        const auto before = installedFiles();
-        ASSERT_EQ(before.size(), 11u);
+        const fs::path vanishing = "/usr/share/icons/hicolor/86x86/apps/harbor-notes.png";
+        auto before = installedFiles();
+        ASSERT_EQ(before.erase(vanishing), 1u);
+        ASSERT_EQ(before.size(), 10u);
 
-        const auto run = launch();
+        const auto run = launchVanishing(vanishing);
         EXPECT_EQ(run.status, 0);
         const std::string client = "(keyid=" + keyId("client") + ")";
         EXPECT_EQ(run.err,
@@ -93,6 +101,9 @@ TEST(Migration, MovesTheSignedApplicationsAndLeavesTheOthers) {
                   "WARN: package loose-tool doesn't have developer certificate\n"
                   "WARN: attempt to copy a non-existent file during package migration: "
                   "\"/usr/share/icons/hicolor/128x128/apps/harbor-notes.png\"\n"
+                  "WARN: attempt to copy a non-existent file during package migration: "
+                  "\"/usr/share/icons/hicolor/86x86/apps/harbor-notes.png\"\n"
+                  "warning: file harbor-notes.png: remove failed: No such file or directory\n"
                   "warning: file harbor-notes.png: remove failed: No such file or directory\n"
                   "INFO: package quiet-clock successfully migrated from RPM to Tolva\n"
                   "INFO: package harbor-notes successfully migrated from RPM to Tolva\n"
@@ -126,6 +137,7 @@ TEST(Migration, MovesTheSignedApplicationsAndLeavesTheOthers) {
                       config ? std::nullopt : std::optional<std::string>(id));
         }
         EXPECT_FALSE(fs::exists("/usr/share/icons/hicolor/128x128/apps/harbor-notes.png"));
+        EXPECT_FALSE(fs::exists(fs::symlink_status(vanishing)));
 
         EXPECT_EQ(readFile(notes / "velmor.pkg"), "[general]\nappname=Notes\nid=harbor-notes\n"
                                                   "orgname=org.harbor\nversion=1.2.3-1\n"
