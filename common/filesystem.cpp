@@ -218,6 +218,14 @@ std::optional<std::string> readRegularFile(const fs::path& path) {
     return contents;
 }
 
+fs::path hiddenSibling(const fs::path& file, const std::string& suffix) {
+    // Appended piece by piece: "." + name + suffix trips GCC 12's -Wrestrict false positive in
+    // optimised builds.
+    std::string name(1, '.');
+    name.append(file.filename().native()).append(suffix);
+    return file.parent_path() / name;
+}
+
 void syncFileSystem(const fs::path& path) {
     const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_DIRECTORY);
     const bool synced = descriptor >= 0 && ::syncfs(descriptor) == 0;

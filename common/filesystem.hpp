@@ -36,6 +36,9 @@ void copyTreeWithExtendedAttributes(const std::filesystem::path& from,
 // not waited on. Throws Common::Error (Filesystem) when the file is there but cannot be read.
 std::optional<std::string> readRegularFile(const std::filesystem::path& path);
 
+// The hidden name beside `file` for work in progress on it: ".NAME" followed by `suffix`.
+std::filesystem::path hiddenSibling(const std::filesystem::path& file, const std::string& suffix);
+
 // Flushes the file system that holds `path` to the device. Throws Common::Error (Filesystem).
 void syncFileSystem(const std::filesystem::path& path);
 

@@ -130,7 +130,7 @@ void moveDirectory(const fs::path& from, const fs::path& to) {
         if (error.code() != std::errc::cross_device_link)
             throw;
     }
-    const fs::path staging = to.parent_path() / ("." + to.filename().string() + ".partial");
+    const fs::path staging = Common::hiddenSibling(to, ".partial");
     fs::remove_all(staging);
     try {
         Common::copyTreeWithExtendedAttributes(from, staging);

@@ -1,6 +1,7 @@
 #include "core/tolva/list_file.hpp"
 
 #include "common/error.hpp"
+#include "common/filesystem.hpp"
 
 #include <fcntl.h>
 #include <fstream>
@@ -46,7 +47,7 @@ void writeLines(const fs::path& file, const std::vector<fs::path>& paths, const 
 
 void writeListFile(const fs::path& file, const std::vector<fs::path>& paths,
                    const char* openFailure, const char* writeFailure) {
-    const fs::path temporary = file.parent_path() / ("." + file.filename().string() + ".new");
+    const fs::path temporary = Common::hiddenSibling(file, ".new");
     try {
         writeLines(temporary, paths, openFailure, writeFailure);
         std::error_code error;

@@ -1,6 +1,7 @@
 #include "core/tolva/mappings.hpp"
 
 #include "common/error.hpp"
+#include "common/filesystem.hpp"
 #include "common/log.hpp"
 #include "core/tolva/list_file.hpp"
 #include "core/tolva/path_checks.hpp"
@@ -45,8 +46,7 @@ bool copyLink(const fs::path& source, const fs::path& mappingPath) {
 // The copy is made and marked under a name of its own, then renamed into place: a run stopped
 // half-way never leaves an unmarked copy, which every later run would take for a system file.
 void createMarkedCopy(const fs::path& source, const fs::path& mappingPath) {
-    const fs::path prepared =
-        mappingPath.parent_path() / ("." + mappingPath.filename().string() + ".tolva-mapping");
+    const fs::path prepared = Common::hiddenSibling(mappingPath, ".tolva-mapping");
     std::error_code ignored;
     fs::remove(prepared, ignored); // left by a stopped run
     Common::copyFileWithExtendedAttributes(source, prepared);
