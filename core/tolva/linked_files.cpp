@@ -9,6 +9,7 @@
 #include <fstream>
 #include <iomanip>
 #include <map>
+#include <sstream>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
@@ -103,7 +104,10 @@ void finishLinkedFiles(const fs::path& tree, const std::string& id) {
     std::error_code error;
     if (!fs::exists(fs::symlink_status(list, error)))
         return;
-    std::ifstream in(list);
+    const auto text = Common::readRegularFile(list);
+    if (!text)
+        fail("couldn't read the list of linked files: " + list.string());
+    std::istringstream in(*text);
     std::vector<std::pair<fs::path, bool>> files;
     int needsAppId = 0;
     for (std::string placed; in >> needsAppId >> std::quoted(placed);) {

@@ -20,6 +20,7 @@
 #include <algorithm>
 #include <fstream>
 #include <map>
+#include <sstream>
 #include <sys/stat.h>
 
 namespace fs = std::filesystem;
@@ -446,7 +447,7 @@ fs::path Database::preparedRecordPath() const {
 // The record stood on the device: a line that is no package id names nothing.
 std::vector<std::string> Database::readPreparedRecord() const {
     std::vector<std::string> ids;
-    std::ifstream record(preparedRecordPath());
+    std::istringstream record(Common::readRegularFile(preparedRecordPath()).value_or(""));
     for (std::string id; std::getline(record, id);) {
         try {
             checkPathComponent(id, "package id");

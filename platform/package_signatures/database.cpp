@@ -55,13 +55,19 @@ void replaceFileAtomically(const fs::path& target, const std::string& text) {
     }
 }
 
-// The contents of `file`, or nothing when it does not exist.
+// The contents of `file`, or nothing when it does not exist. Anything but a regular file there
+// (a link, a FIFO, a device) is refused, neither followed nor waited on.
 std::optional<std::string> readFileIfPresent(const fs::path& file) {
-    const int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
+    const int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
     if (fd < 0) {
         if (errno == ENOENT || errno == ENOTDIR)
             return std::nullopt;
         failWithErrno("cannot read " + file.string(), errno);
+    }
+    struct stat status {};
+    if (::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
+        ::close(fd);
+        throw std::runtime_error("cannot read " + file.string() + ": not a regular file");
     }
     std::string text;
     char chunk[4096];

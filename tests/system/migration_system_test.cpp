@@ -457,3 +457,32 @@ TEST(Migration, OnTheInstalledFilesFileSystemLinksAndLeavesAPackageThatStaysUnto
         EXPECT_TRUE(fs::is_empty("/usr/tolva/tmp"));
     });
 }
+
+TEST(Migration, ADamagedCertificateFileIsItsPackagesProblemOnly) {
+    TestSupport::Scratch scratch;
+    const auto apps = TestSupport::buildSampleApps(scratch.path());
+    SANDBOXED([&] {
+        installDevice(apps);
+        // A FIFO is neither waited on nor followed; a file of garbage holds no certificate.
+        const fs::path fifo = "/var/lib/package-signatures/quiet-clock/1.pem";
+        const fs::path garbage = "/var/lib/package-signatures/harbor-notes/1.pem";
+        fs::remove(fifo);
+        ASSERT_EQ(::mkfifo(fifo.c_str(), 0644), 0);
+        TestSupport::writeFile(garbage, "garbage");
+        const auto run = launch();
+        EXPECT_EQ(run.status, 0);
+        for (const std::string& cause : {"cannot read " + fifo.string() + ": not a regular file",
+                                         garbage.string() + " holds no PEM certificate"})
+            EXPECT_NE(run.err.find("ERROR: couldn't extract a package information required for "
+                                   "migration\nERROR: " +
+                                   cause + "\n"),
+                      std::string::npos)
+                << run.err;
+        EXPECT_NE(run.err.find("INFO: successfully bound harbor-notes package to source"),
+                  std::string::npos);
+        EXPECT_EQ(installedRpms(), (std::vector<std::string>{"harbor-notes", "loose-tool",
+                                                             "platform-settings", "quiet-clock"}));
+        EXPECT_EQ(runProgram({"rpm", "-V", "harbor-notes", "quiet-clock"}).status, 0);
+        EXPECT_TRUE(fs::exists(stamp));
+    });
+}

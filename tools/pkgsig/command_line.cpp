@@ -1,6 +1,7 @@
 #include "tools/pkgsig/command_line.hpp"
 
 #include <set>
+#include <sys/stat.h>
 
 namespace Pkgsig {
 
@@ -62,6 +63,19 @@ std::string CommandLine::option(const std::string& name, bool required) const {
     if (required)
         throw UsageError(command + " needs " + name);
     return "";
+}
+
+void requireRegularInputs(const CommandLine& line) {
+    std::vector<std::string> inputs = line.operands;
+    for (const char* name :
+         {"--developer-key", "--developer-cert", "--client-key", "--client-cert", "--ca"})
+        if (const auto value = line.option(name, false); !value.empty())
+            inputs.push_back(value);
+    for (const auto& input : inputs) {
+        struct stat status {};
+        if (::lstat(input.c_str(), &status) == 0 && !S_ISREG(status.st_mode))
+            throw std::runtime_error("not a regular file: " + input);
+    }
 }
 
 namespace {

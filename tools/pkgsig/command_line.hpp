@@ -28,6 +28,11 @@ struct CommandLine {
 // The arguments after the program name, at least one. Throws UsageError.
 CommandLine parseCommandLine(const std::vector<std::string>& arguments);
 
+// Refuses, before anything is read, a file named on the command line for reading (the package,
+// keys, certificates) that is not a regular file: a FIFO or a device would be waited on, and a
+// link would lead elsewhere. Throws std::runtime_error.
+void requireRegularInputs(const CommandLine& line);
+
 // What "sign" is asked to do. Throws UsageError for a missing key or certificate or a bad
 // --signing-time.
 SignOptions signOptions(const CommandLine& line);

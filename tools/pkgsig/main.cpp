@@ -67,6 +67,7 @@ Exit status: 0 on success, 1 when the command fails (a one-line reason on standa
 )";
 
 void run(const CommandLine& line) {
+    Pkgsig::requireRegularInputs(line);
     const std::string database = line.option("--database", false).empty()
                                      ? PackageSignatures::Database::defaultPath
                                      : line.option("--database");
