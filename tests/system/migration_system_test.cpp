@@ -343,11 +343,26 @@ TEST(Migration, NamesFromTheDeviceNeverLeadOutOfTheirPlace) {
     });
 }
 
-TEST(Migration, ARootThatIsFullOrReadOnlyLosesNothingAndIsRetried) {
+TEST(Migration, ARootThatIsFullReadOnlyOrWithoutAttributesLosesNothingAndIsRetried) {
     TestSupport::Scratch scratch;
     const auto apps = TestSupport::buildSampleApps(scratch.path());
     SANDBOXED([&] {
         installDevice(apps);
+        // A file system without extended attributes cannot hold "security.appid".
+        TestSupport::mountFresh("ramfs", "/opt/app");
+        const auto bare = launch();
+        EXPECT_EQ(bare.status, 1);
+        for (const std::string id : {"harbor-notes", "quiet-clock"}) {
+            EXPECT_NE(bare.err.find("ERROR: package " + id +
+                                    " waits to be migrated at the next "
+                                    "start\n"),
+                      std::string::npos)
+                << bare.err;
+            EXPECT_TRUE(fs::exists("/opt/tolva/tmp/" + id + "/velmor.pkg"));
+        }
+        EXPECT_EQ(installedRpms(), (std::vector<std::string>{"loose-tool", "platform-settings"}));
+        ASSERT_EQ(::umount("/opt/app"), 0);
+
         // Room for quiet-clock, not for harbor-notes' data.
         TestSupport::mountFresh("tmpfs", "/opt/app", "size=200k");
         const auto full = launch();
