@@ -121,7 +121,8 @@ void putFlat(pt::ptree& tree, const std::string& flatKey, const std::string& val
 }
 
 // A rename; across file systems, a copy made next to `to` and renamed there, so that `to`
-// appears complete or not at all, and `from` is removed only after that.
+// appears complete or not at all, and `from` is removed only once the copy is on the device:
+// until then `from` may be the only copy that survives a power cut.
 void moveDirectory(const fs::path& from, const fs::path& to) {
     try {
         fs::rename(from, to);
@@ -140,6 +141,7 @@ void moveDirectory(const fs::path& from, const fs::path& to) {
         fs::remove_all(staging, ignored);
         throw;
     }
+    Common::syncFileSystem(to);
     fs::remove_all(from);
 }
 

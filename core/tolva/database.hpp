@@ -123,6 +123,7 @@ private:
     std::filesystem::path preparedRecordPath() const;
     std::vector<std::string> readPreparedRecord() const;
     void writePreparedRecord(const std::vector<std::string>& ids) const;
+    void recordWaiting(const std::vector<std::string>& waiting) const;
     std::vector<std::string>
     resumeInterruptedMigration(const std::vector<std::string>& recorded) const;
     void cleanUpTemporaryDirectory(const std::vector<std::string>& keep) const;

@@ -29,7 +29,7 @@ bool syncToDisk(const fs::path& file) {
 }
 
 void writeLines(const fs::path& file, const std::vector<fs::path>& paths, const char* openFailure,
-                const char* writeFailure) {
+                const char* writeFailure, ListFlush flush) {
     std::ofstream list(file, std::ios::out | std::ios::trunc);
     if (!list.is_open())
         fail(openFailure);
@@ -39,17 +39,17 @@ void writeLines(const fs::path& file, const std::vector<fs::path>& paths, const 
             fail(writeFailure);
     }
     list.close();
-    if (!list || !syncToDisk(file))
+    if (!list || (flush == ListFlush::BeforeRename && !syncToDisk(file)))
         fail(writeFailure);
 }
 
 } // namespace
 
 void writeListFile(const fs::path& file, const std::vector<fs::path>& paths,
-                   const char* openFailure, const char* writeFailure) {
+                   const char* openFailure, const char* writeFailure, ListFlush flush) {
     const fs::path temporary = Common::hiddenSibling(file, ".new");
     try {
-        writeLines(temporary, paths, openFailure, writeFailure);
+        writeLines(temporary, paths, openFailure, writeFailure, flush);
         std::error_code error;
         fs::rename(temporary, file, error);
         if (error)

@@ -8,6 +8,11 @@
 
 namespace Core::Tolva {
 
+// Whether a list is flushed to the disk before it takes its name, or left to the caller, which
+// flushes the whole file system before anything relies on the list (the migration does, once
+// for all its packages, where a flush per list would cost more than the rest of its work).
+enum class ListFlush { BeforeRename, ByCaller };
+
 // Writes `paths` to `file`, each as its plain text followed by a newline, flushing after every
 // line. The lines go to a temporary file next to `file` that is renamed over it once complete,
 // so `file` is always the old list or the whole new one. Throws Common::Error (Filesystem) with
@@ -15,7 +20,7 @@ namespace Core::Tolva {
 // line cannot be written; the old list is then left as it was.
 void writeListFile(const std::filesystem::path& file,
                    const std::vector<std::filesystem::path>& paths, const char* openFailure,
-                   const char* writeFailure);
+                   const char* writeFailure, ListFlush flush = ListFlush::BeforeRename);
 
 } // namespace Core::Tolva
 

@@ -86,8 +86,9 @@ void clearMappingPath(const fs::path& mappingPath, bool aboutToCreate, const Pac
 
 class MappingRun {
 public:
-    MappingRun(const fs::path& versionDirectory, const PackageNames& package, bool withLib64)
-        : versionDirectory(versionDirectory), package(package),
+    MappingRun(const fs::path& versionDirectory, const PackageNames& package, bool withLib64,
+               ListFlush listFlush)
+        : versionDirectory(versionDirectory), package(package), listFlush(listFlush),
           table(mappingTable(package, withLib64)), everyRule(mappingTable(package, true)) {}
 
     void run() {
@@ -98,7 +99,7 @@ public:
                 mapRule(everyRule[row], row < table.size());
             writeListFile(versionDirectory / mappingListName, created,
                           "couldn't open file to create mapping list",
-                          "couldn't write lines to mapping list");
+                          "couldn't write lines to mapping list", listFlush);
         } catch (const std::exception& error) {
             if (!causeLogged)
                 LogLine(LogLevel::Error) << error;
@@ -153,6 +154,7 @@ private:
 
     const fs::path versionDirectory;
     const PackageNames package;
+    const ListFlush listFlush;
     const std::vector<MappingRule> table;
     const std::vector<MappingRule> everyRule;
     std::vector<fs::path> created;
@@ -294,8 +296,9 @@ void createMapping(const fs::path& source, const fs::path& mappingPath, MappingK
     createMarkedCopy(source, mappingPath);
 }
 
-void createMappings(const fs::path& versionDirectory, const PackageNames& package, bool withLib64) {
-    MappingRun(versionDirectory, package, withLib64).run();
+void createMappings(const fs::path& versionDirectory, const PackageNames& package, bool withLib64,
+                    ListFlush listFlush) {
+    MappingRun(versionDirectory, package, withLib64, listFlush).run();
 }
 
 } // namespace Core::Tolva

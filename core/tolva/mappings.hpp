@@ -3,6 +3,7 @@
 // System mappings: the files in system directories that stand for a package's files.
 
 #include "common/filesystem.hpp"
+#include "core/tolva/list_file.hpp"
 
 #include <cstdint>
 #include <filesystem>
@@ -77,6 +78,6 @@ void createMapping(const std::filesystem::path& source, const std::filesystem::p
 // mapping list. Leftover mappings in the way are replaced; a system file in the way stops the
 // run. On any failure the mappings made so far are removed and Common::Error is thrown.
 void createMappings(const std::filesystem::path& versionDirectory, const PackageNames& package,
-                    bool withLib64 = false);
+                    bool withLib64 = false, ListFlush listFlush = ListFlush::BeforeRename);
 
 } // namespace Core::Tolva

@@ -204,7 +204,7 @@ void Database::migrateFromRpm() const {
         return true;
     });
     if (prepared.empty()) {
-        writePreparedRecord(waiting);
+        recordWaiting(waiting);
         return;
     }
     std::vector<std::string> recorded = waiting;
@@ -229,7 +229,12 @@ void Database::migrateFromRpm() const {
             waiting.push_back(package.package.id());
         }
     }
-    // What was installed must be on the device before the record stops naming it.
+    recordWaiting(waiting);
+}
+
+// What was installed (its lists were not flushed one by one) must be on the device before the
+// record stops naming it.
+void Database::recordWaiting(const std::vector<std::string>& waiting) const {
     try {
         if (fs::exists(root))
             Common::syncFileSystem(root);
@@ -349,7 +354,7 @@ Database::prepareInstalledPackage(const Common::Rpm::Reader& reader,
         Package(id, version, fileList(reader), orgName, appName), std::move(*certificate), {}};
     package.tree = copyPackageFilesToTempDirectory(package.package);
     try {
-        writeGeneratedDirectoryList(package.package, package.tree);
+        writeGeneratedDirectoryList(package.package, package.tree, ListFlush::ByCaller);
         writePackageDataFile(package.package, package.certificate, package.tree);
     } catch (...) {
         removeQuietly(package.tree);
@@ -406,7 +411,7 @@ void Database::installPreparedPackage(const PreparedPackage& prepared) const {
             finishLinkedFiles(prepared.tree, package.id());
             createVersionedDirectory(package.id(), package.version(), prepared.tree);
         }
-        createMappings(versioned, package);
+        createMappings(versioned, package, false, ListFlush::ByCaller);
     } catch (...) {
         // Back to the temporary directory, where the next start finds it. A version directory
         // that cannot go back stays, with "current", and gets its mappings next time.

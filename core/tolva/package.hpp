@@ -93,8 +93,8 @@ inline std::vector<MappingRule> mappingTable(const Package& package, bool withLi
 }
 
 inline void createMappings(const std::filesystem::path& versionDirectory, const Package& package,
-                           bool withLib64 = false) {
-    createMappings(versionDirectory, package.names(), withLib64);
+                           bool withLib64 = false, ListFlush listFlush = ListFlush::BeforeRename) {
+    createMappings(versionDirectory, package.names(), withLib64, listFlush);
 }
 
 } // namespace Core::Tolva

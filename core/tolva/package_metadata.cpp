@@ -53,10 +53,11 @@ std::vector<fs::path> generatedDirectories(const Package& package) {
     return generated;
 }
 
-void writeGeneratedDirectoryList(const Package& package, const fs::path& directory) {
+void writeGeneratedDirectoryList(const Package& package, const fs::path& directory,
+                                 ListFlush flush) {
     writeListFile(directory / generatedDirectoryListName, generatedDirectories(package),
                   "couldn't open file to store generated directory list",
-                  "couldn't write line to generated directory list");
+                  "couldn't write line to generated directory list", flush);
 }
 
 std::pair<std::optional<std::string>, std::optional<std::string>>

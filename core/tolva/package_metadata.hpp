@@ -5,6 +5,7 @@
 // names and its developer certificate.
 
 #include "core/tolva/database.hpp"
+#include "core/tolva/list_file.hpp"
 #include "platform/package_signatures/certificate.hpp"
 
 #include <exception>
@@ -30,7 +31,8 @@ void checkPackageNames(const Package& package);
 std::vector<std::filesystem::path> generatedDirectories(const Package& package);
 
 // Lists generatedDirectories(package) in the generated directory list in `directory`.
-void writeGeneratedDirectoryList(const Package& package, const std::filesystem::path& directory);
+void writeGeneratedDirectoryList(const Package& package, const std::filesystem::path& directory,
+                                 ListFlush flush = ListFlush::BeforeRename);
 
 // The organisation and application names of the installed manifest
 // "/usr/share/applications/" + id + ".desktop"; an empty or missing one is absent.
