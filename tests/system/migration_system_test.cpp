@@ -9,6 +9,7 @@
 #include "tests/support/test_pki.hpp"
 
 #include <algorithm>
+#include <functional>
 #include <gtest/gtest.h>
 #include <map>
 #include <sys/stat.h>
@@ -77,13 +78,20 @@ void installDevice(const std::vector<TestSupport::SampleApp>& apps) {
     fs::create_directories("/var/lib/tolva");
 }
 
-} // namespace
-
-TEST(Migration, MovesTheSignedApplicationsAndLeavesTheOthers) {
+// Runs `test` in a sandbox on the sample device.
+void onSampleDevice(const std::function<void()>& test) {
     TestSupport::Scratch scratch;
     const auto apps = TestSupport::buildSampleApps(scratch.path());
     SANDBOXED([&] {
         installDevice(apps);
+        test();
+    });
+}
+
+} // namespace
+
+TEST(Migration, MovesTheSignedApplicationsAndLeavesTheOthers) {
+    onSampleDevice([&] {
         // The installed files' own attributes travel; a file deleted since its install, or
         // while it is copied, is only warned about.
         TestSupport::putAttribute("/usr/bin/harbor-notes", "security.ima", "ima-of-notes");
@@ -181,10 +189,7 @@ TEST(Migration, MovesTheSignedApplicationsAndLeavesTheOthers) {
 }
 
 TEST(Migration, APackageThatFailsToInstallWaitsForTheNextStart) {
-    TestSupport::Scratch scratch;
-    const auto apps = TestSupport::buildSampleApps(scratch.path());
-    SANDBOXED([&] {
-        installDevice(apps);
+    onSampleDevice([&] {
         // A system file where the library would get its lib64 twin stops the install after
         // the erase.
         const fs::path blocker = "/usr/lib64/3rdparty/harbor-notes/libnotes.so.1";
@@ -268,10 +273,7 @@ TEST(Migration, AStoreThatCannotBeOpenedOrIsLockedStillCompletesTheRun) {
 }
 
 TEST(Migration, APreparationThatFailsAsAWholeErasesNothing) {
-    TestSupport::Scratch scratch;
-    const auto apps = TestSupport::buildSampleApps(scratch.path());
-    SANDBOXED([&] {
-        installDevice(apps);
+    onSampleDevice([&] {
         // A mount where the record of prepared packages belongs: it can be neither cleared
         // nor written.
         TestSupport::mountFresh("tmpfs", "/opt/tolva/tmp/.migration.prepared");
@@ -290,10 +292,7 @@ TEST(Migration, APreparationThatFailsAsAWholeErasesNothing) {
 }
 
 TEST(Migration, ATemporaryDirectoryOnAnotherFileSystem) {
-    TestSupport::Scratch scratch;
-    const auto apps = TestSupport::buildSampleApps(scratch.path());
-    SANDBOXED([&] {
-        installDevice(apps);
+    onSampleDevice([&] {
         TestSupport::mountFresh("tmpfs", "/opt/tolva/tmp");
         const auto before = installedFiles();
         const auto run = launch();
@@ -344,10 +343,7 @@ TEST(Migration, NamesFromTheDeviceNeverLeadOutOfTheirPlace) {
 }
 
 TEST(Migration, ARootThatIsFullReadOnlyOrWithoutAttributesLosesNothingAndIsRetried) {
-    TestSupport::Scratch scratch;
-    const auto apps = TestSupport::buildSampleApps(scratch.path());
-    SANDBOXED([&] {
-        installDevice(apps);
+    onSampleDevice([&] {
         // A file system without extended attributes cannot hold "security.appid".
         TestSupport::mountFresh("ramfs", "/opt/app");
         const auto bare = launch();
@@ -395,10 +391,7 @@ TEST(Migration, ARootThatIsFullReadOnlyOrWithoutAttributesLosesNothingAndIsRetri
 }
 
 TEST(Migration, OnTheInstalledFilesFileSystemLinksAndLeavesAPackageThatStaysUntouched) {
-    TestSupport::Scratch scratch;
-    const auto apps = TestSupport::buildSampleApps(scratch.path());
-    SANDBOXED([&] {
-        installDevice(apps);
+    onSampleDevice([&] {
         TestSupport::writeFile("/etc/tolva/tolva.conf",
                                "[database]\nroot_directory=/usr/tolva/app\n"
                                "temp_directory=/usr/tolva/tmp\n");
@@ -474,10 +467,7 @@ TEST(Migration, OnTheInstalledFilesFileSystemLinksAndLeavesAPackageThatStaysUnto
 }
 
 TEST(Migration, ADamagedCertificateFileIsItsPackagesProblemOnly) {
-    TestSupport::Scratch scratch;
-    const auto apps = TestSupport::buildSampleApps(scratch.path());
-    SANDBOXED([&] {
-        installDevice(apps);
+    onSampleDevice([&] {
         // A FIFO is neither waited on nor followed; a file of garbage holds no certificate.
         const fs::path fifo = "/var/lib/package-signatures/quiet-clock/1.pem";
         const fs::path garbage = "/var/lib/package-signatures/harbor-notes/1.pem";
