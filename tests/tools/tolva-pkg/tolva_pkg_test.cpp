@@ -1,19 +1,20 @@
 // The real tolva-pkg installing, upgrading and removing signed packages in the sandbox, on a
 // fresh device and on one that the launcher has migrated.
 
-#include "platform/package_signatures/certificate.hpp"
 #include "tests/support/file_checks.hpp"
 #include "tests/support/rpm_fixtures.hpp"
 #include "tests/support/sample_device.hpp"
 #include "tests/support/sandboxed_test.hpp"
 #include "tests/support/signed_packages.hpp"
-#include "tests/support/test_pki.hpp"
 
 #include <gtest/gtest.h>
-#include <map>
 #include <set>
 
 namespace fs = std::filesystem;
+using TestSupport::changes;
+using TestSupport::entries;
+using TestSupport::lines;
+using TestSupport::present;
 using TestSupport::readFile;
 using TestSupport::runProgram;
 using TestSupport::writeFile;
@@ -46,82 +47,19 @@ std::string lastLine(const std::string& text) {
     return start == std::string::npos ? text : text.substr(start + 1);
 }
 
-std::string keyId(const std::string& certificate) {
-    return PackageSignatures::Certificate::fromPem(
-               readFile(TestSupport::TestPki::shared().certificate(certificate)))
-        ->keyId();
+std::string keyId(const std::string& name) {
+    return TestSupport::pkiCertificate(name).keyId();
 }
 
 std::string sql(const std::string& query) {
     return runProgram({"sqlite3", "/var/lib/trusted-sources/db.sqlite3", query}).out;
 }
 
-void trustTestCa() {
-    fs::create_directories("/etc/keys/packages");
-    fs::copy_file(TestSupport::TestPki::shared().certificate("ca"), "/etc/keys/packages/ca.pem",
-                  fs::copy_options::overwrite_existing);
-}
-
-std::vector<fs::path> listed(const fs::path& listFile) {
-    std::vector<fs::path> paths;
-    std::istringstream lines(readFile(listFile));
-    for (std::string path; std::getline(lines, path);)
-        paths.emplace_back(path);
-    return paths;
-}
-
-bool present(const fs::path& path) {
-    return fs::exists(fs::symlink_status(path));
-}
-
-std::set<std::string> entries(const fs::path& directory) {
-    std::set<std::string> names;
-    for (const auto& entry : fs::directory_iterator(directory))
-        names.insert(entry.path().filename());
-    return names;
-}
-
-// What a user could see change under the trees a package touches: each entry's type, mode,
-// link target, and content (size and time for large files).
-std::map<std::string, std::string> snapshot() {
-    std::map<std::string, std::string> seen;
-    for (const char* top : {"/opt", "/usr/bin", "/usr/share/applications", "/usr/share/icons",
-                            "/usr/share/harbor-notes", "/usr/lib/3rdparty", "/usr/libexec",
-                            "/var/lib/trusted-sources"}) {
-        if (!fs::exists(top))
-            continue;
-        for (const auto& entry : fs::recursive_directory_iterator(top)) {
-            const auto status = entry.symlink_status();
-            std::string& seenEntry = seen[entry.path()];
-            seenEntry = std::to_string(int(status.type())) + " " +
-                        std::to_string(int(status.permissions())) + " ";
-            if (fs::is_symlink(status))
-                seenEntry += fs::read_symlink(entry.path());
-            else if (fs::is_regular_file(status) && entry.file_size() <= 65536)
-                seenEntry += readFile(entry.path());
-            else if (fs::is_regular_file(status))
-                seenEntry += std::to_string(entry.file_size()) + " " +
-                             std::to_string(entry.last_write_time().time_since_epoch().count());
-        }
-    }
-    return seen;
-}
-
-// The paths whose entry differs between two snapshots, one a line; empty when none does.
-std::string changes(const std::map<std::string, std::string>& before,
-                    const std::map<std::string, std::string>& after) {
-    std::set<std::string> paths;
-    for (const auto* side : {&before, &after})
-        for (const auto& [path, seen] : *side) {
-            const auto* other = side == &before ? &after : &before;
-            const auto found = other->find(path);
-            if (found == other->end() || found->second != seen)
-                paths.insert(path);
-        }
-    std::string text;
-    for (const auto& path : paths)
-        text += path + "\n";
-    return text;
+// What a user could see change under the trees a package touches.
+TestSupport::Snapshot snapshot() {
+    return TestSupport::snapshot({"/opt", "/usr/bin", "/usr/share/applications", "/usr/share/icons",
+                                  "/usr/share/harbor-notes", "/usr/lib/3rdparty", "/usr/libexec",
+                                  "/var/lib/trusted-sources"});
 }
 
 } // namespace
@@ -137,11 +75,11 @@ TEST(TolvaPkg, UpgradesAndRemovesAMigratedPackageThenInstallsItAgain) {
         ASSERT_EQ(migration.status, 0) << migration.err;
         writeFile("/usr/share/icons/hicolor/128x128/apps/system.png", "a system icon");
 
-        const auto firstMappings = listed(notes / "1.2.3-1/symlink.list");
+        const auto firstMappings = lines(readFile(notes / "1.2.3-1/symlink.list"));
         EXPECT_EQ(succeed({"install", upgrade.file}),
                   "upgraded harbor-notes from 1.2.3-1 to 1.3.0-1\n");
         EXPECT_EQ(entries(notes), (std::set<std::string>{"current", "1.3.0-1"}));
-        const auto secondMappings = listed(notes / "current/symlink.list");
+        const auto secondMappings = lines(readFile(notes / "current/symlink.list"));
         for (const auto& mapping : firstMappings) {
             const bool kept = std::find(secondMappings.begin(), secondMappings.end(), mapping) !=
                               secondMappings.end();
@@ -186,7 +124,7 @@ TEST(TolvaPkg, UpgradesAndRemovesAMigratedPackageThenInstallsItAgain) {
         EXPECT_EQ(readFile(version / "generated.dir.list"),
                   "/usr/lib/3rdparty/harbor-notes\n/usr/libexec/harbor-notes\n"
                   "/usr/share/harbor-notes\n/usr/share/harbor-notes/data\n");
-        EXPECT_EQ(listed(version / "symlink.list"), firstMappings);
+        EXPECT_EQ(lines(readFile(version / "symlink.list")), firstMappings);
         EXPECT_EQ(readFile("/usr/share/harbor-notes/helper"), "#!/bin/sh\necho sync\n");
         EXPECT_EQ(succeed({"list"}), "harbor-notes 1.2.3-1 org.harbor/Notes " + client +
                                          "\nquiet-clock 0.9-2 - .no.source.apps\n");
@@ -201,7 +139,7 @@ TEST(TolvaPkg, RefusalsChangeNothing) {
     fs::copy_file(upgrade.file, foreign);
     TestSupport::signPackage(foreign, "developer-other-ca", "client");
     SANDBOXED([&] {
-        trustTestCa();
+        TestSupport::trustTestCa();
         succeed({"install", apps[0].file});
         succeed({"install", apps[1].file});
         EXPECT_EQ(sql("select id, source_keyid from packages order by id;"),
