@@ -55,8 +55,7 @@ TEST(Extraction, EveryEntryAtItsPlaceWithModesSignaturesAndLinks) {
     fs::copy_file(TestSupport::buildPackage(tool()), file);
     TestSupport::signPackage(file, "developer");
     SANDBOXED([&] {
-        fs::create_directories("/etc/keys/packages");
-        fs::copy_file(TestSupport::TestPki::shared().certificate("ca"), Core::Tolva::packageCaPath);
+        TestSupport::trustTestCa();
         const auto package = Package::fromPath(file);
         const fs::path root = "/opt/app/tool/1.0-1";
         const fs::path& linkRoot = root;
@@ -90,17 +89,9 @@ TEST(Extraction, EveryEntryAtItsPlaceWithModesSignaturesAndLinks) {
 }
 
 TEST(Extraction, NamesThatCannotBeDirectoryNamesAreRefused) {
-    const std::vector<std::string> refused = {"",
-                                              ".",
-                                              "..",
-                                              "a/b",
-                                              "../etc/cron.d",
-                                              std::string("nul\0x", 5),
-                                              "line\nbreak",
-                                              "tab\there",
-                                              "\x7f",
-                                              " lead",
-                                              "trail "};
+    const std::string refused[] = {
+        "",          ".",    "..",    "a/b",   "../etc/cron.d", {"nul\0x", 5}, "line\nbreak",
+        "tab\there", "\x7f", " lead", "trail "};
     for (const auto& name : refused) {
         SCOPED_TRACE(name);
         EXPECT_NE(errorOf([&] { Core::Tolva::checkPathComponent(name, "package id"); },

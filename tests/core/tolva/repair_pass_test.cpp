@@ -30,12 +30,10 @@ fs::path makeVersion(const std::string& id, const std::string& version, bool goo
     return package / version;
 }
 
-// A database over the default root; the missing configuration's warning is not the subject.
+// A database over the default root, without the missing configuration's warning.
 Database database() {
-    fs::remove("/etc/tolva/tolva.conf");
-    std::optional<Database> made;
-    captureStderr([&] { made.emplace(); });
-    return *made;
+    writeFile("/etc/tolva/tolva.conf", "");
+    return Database();
 }
 
 std::vector<std::string> ids(const std::vector<PackageData>& packages) {
@@ -56,27 +54,6 @@ TEST(RepairPass, RootScanAndPreparedUpgrades) {
         EXPECT_TRUE(found.empty());
         EXPECT_FALSE(fs::exists("/opt/app"));
 
-        makeVersion("demo.notes", "1.0-1");
-        writeFile("/opt/app/stray.txt", "x");
-        auto log = captureStderr([&] { found = db.installedPackages(); });
-        EXPECT_EQ(log, "WARN: unexpected entry found in database root directory: "
-                       "\"/opt/app/stray.txt\"\nINFO: cleaning up unexpected entry\n");
-        EXPECT_EQ(ids(found), std::vector<std::string>{"demo.notes@1.0-1"});
-        EXPECT_FALSE(fs::exists("/opt/app/stray.txt"));
-
-        fs::remove_all("/opt/app/demo.notes");
-        fs::create_symlink("/opt/nowhere", "/opt/app/dangling");
-        writeFile("/opt/elsewhere/2-1/velmor.pkg",
-                  "[general]\nid=real\nversion=2-1\n[certificate]\nid=k\nsubgroup=s\n");
-        fs::create_directory_symlink("/opt/elsewhere/2-1", "/opt/elsewhere/current");
-        fs::create_directory_symlink("/opt/elsewhere", "/opt/app/linked");
-        // A link in the root is never followed: it goes, what it points at stays.
-        captureStderr([&] { found = db.installedPackages(); });
-        EXPECT_TRUE(found.empty());
-        EXPECT_FALSE(fs::exists(fs::symlink_status("/opt/app/dangling")));
-        EXPECT_FALSE(fs::exists(fs::symlink_status("/opt/app/linked")));
-        EXPECT_TRUE(fs::exists("/opt/elsewhere/2-1/velmor.pkg"));
-
         // A readable "next" is the package's state.
         const auto next = makeVersion("ready", "2-1", true, false);
         makeVersion("ready", "1-1");
@@ -91,7 +68,7 @@ TEST(RepairPass, RootScanAndPreparedUpgrades) {
         fs::create_directories("/opt/workdir/2-1");
         fs::current_path("/opt/workdir");
         PackageData data;
-        log = captureStderr([&] { data = db.readPackageData("/opt/app/broken"); });
+        auto log = captureStderr([&] { data = db.readPackageData("/opt/app/broken"); });
         EXPECT_EQ(log, "WARN: couldn't read package data from the next directory: "
                        "\"/opt/app/broken/next\"\n"
                        "INFO: trying to read data from the current directory\n"
@@ -104,8 +81,7 @@ TEST(RepairPass, RootScanAndPreparedUpgrades) {
         // A dangling "next" counts as absent and stays.
         makeVersion("dangling", "1-1");
         fs::create_directory_symlink("/opt/app/dangling/9-9", "/opt/app/dangling/next");
-        log = captureStderr([&] { data = db.readPackageData("/opt/app/dangling"); });
-        EXPECT_EQ(log, "");
+        EXPECT_EQ(captureStderr([&] { data = db.readPackageData("/opt/app/dangling"); }), "");
         EXPECT_TRUE(fs::is_symlink("/opt/app/dangling/next"));
 
         // A plain directory as "next" is removed, nothing else.
