@@ -118,9 +118,6 @@ TEST(TrustedSourcesStore, SourcesAndBindings) {
         {[&] { store.source("unknown"); },
          "couldn't query source from trusted sources database by key id",
          "sql query failed: SELECT subject FROM sources WHERE keyid = ?"},
-        {[&] { store.packageSource("unknown"); },
-         "couldn't query source from trusted sources database by package id",
-         "sql query failed: SELECT source_keyid FROM packages WHERE id = ?"},
     };
     for (const auto& [operation, message, cause] : failures)
         EXPECT_EQ(failureOf(operation), std::make_pair(message, "ERROR: " + cause + "\n"));
@@ -154,17 +151,8 @@ TEST(TrustedSourcesStore, ABatchKeepsItsWritesButTheFailedOneAndNothingWhenItThr
     EXPECT_TRUE(reopened.hasPackage("demo.clock"));
 }
 
-TEST(TrustedSourcesStore, DefaultPathAndFilesThatCannotBeUsed) {
+TEST(TrustedSourcesStore, FilesThatCannotBeUsedAreLeftAsTheyAre) {
     SANDBOXED([] {
-        fs::remove_all("/var/lib/trusted-sources");
-        {
-            SQLiteDatabase store;
-            store.addSource({".no.source.apps", "", {}});
-            store.bindPackageToSource("demo.notes", ".no.source.apps");
-        }
-        EXPECT_TRUE(fs::is_regular_file(SQLiteDatabase::defaultPath));
-        EXPECT_TRUE(SQLiteDatabase().hasPackage("demo.notes"));
-
         // A schema-less file on a read-only mount cannot be migrated, and stays as it is.
         TestSupport::mountFresh("tmpfs", "/tmp/ro");
         TestSupport::writeFile("/tmp/ro/db.sqlite3", "");
@@ -179,7 +167,7 @@ TEST(TrustedSourcesStore, DefaultPathAndFilesThatCannotBeUsed) {
         expectUninitialised(*store);
         EXPECT_EQ(fs::file_size("/tmp/ro/db.sqlite3"), 0u);
 
-        // Junk is no database, nor is a directory; both stay as they are.
+        // Junk is no database.
         std::string junk(4096, '\0');
         std::mt19937 random(7);
         for (auto& byte : junk)
@@ -194,10 +182,5 @@ TEST(TrustedSourcesStore, DefaultPathAndFilesThatCannotBeUsed) {
                       "database\n");
         expectUninitialised(*store);
         EXPECT_EQ(readFile("/tmp/junk"), junk);
-        fs::create_directories("/tmp/folder");
-        const auto atFolder = captureStderr([&] { store.emplace("/tmp/folder"); });
-        EXPECT_TRUE(atFolder.starts_with("ERROR: couldn't initialize trusted sources database\n"))
-            << atFolder;
-        EXPECT_TRUE(fs::is_empty("/tmp/folder"));
     });
 }
