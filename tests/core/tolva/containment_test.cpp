@@ -149,16 +149,20 @@ TEST(Containment, AnUnreadableVelmorIsKeptAndAnOverrideIsRefused) {
 
 TEST(Containment, ConfiguredDirectoriesThatAreNoPlaceForTheDatabase) {
     SANDBOXED([] {
-        for (const std::string directory :
-             {"/", "relative/apps", "/opt", "/usr/share", "/usr/bin", "/etc/av-launcher",
-              "/opt/app/../../etc", "/proc/apps", "/opt/tolva/tmp/apps"}) {
-            writeFile("/etc/tolva/tolva.conf", "[database]\nroot_directory=" + directory + "\n");
-            std::optional<Database> database;
-            EXPECT_EQ(captureStderr([&] { database.emplace(); }).substr(0, 50),
-                      "WARN: ignoring an unsafe directory in config file:")
-                << directory;
-            EXPECT_EQ(database->rootDirectory(), "/opt/app") << directory;
-            EXPECT_EQ(database->tempDirectory(), "/opt/tolva/tmp") << directory;
-        }
+        // Each of the two, and a place inside the other's default.
+        for (const auto& [key, inOther] : {std::pair{"root_directory", "/opt/tolva/tmp/apps"},
+                                           {"temp_directory", "/opt/app/tmp"}})
+            for (const std::string directory :
+                 {"", "/", "relative/apps", "/opt", "/usr/share", "/usr/bin", "/etc/av-launcher",
+                  "/opt/app/../../etc", "/proc/apps", inOther}) {
+                SCOPED_TRACE(std::string(key) + "=" + directory);
+                writeFile("/etc/tolva/tolva.conf",
+                          "[database]\n" + std::string(key) + "=" + directory + "\n");
+                std::optional<Database> database;
+                EXPECT_EQ(captureStderr([&] { database.emplace(); }).substr(0, 50),
+                          "WARN: ignoring an unsafe directory in config file:");
+                EXPECT_EQ(database->rootDirectory(), "/opt/app");
+                EXPECT_EQ(database->tempDirectory(), "/opt/tolva/tmp");
+            }
     });
 }

@@ -112,11 +112,10 @@ TEST(RepairPass, AnUnreadablePackageGoesWithItsMappingsAndGeneratedDirectories) 
         fs::create_directories("/usr/libexec/demo.bad/cache");
         writeFile(version / "generated.dir.list", "/usr/libexec/demo.bad\n/var/lib/none\n");
         makeVersion("demo.good", "1-1");
-        // Without a mapping list, without "current", without generated directories.
+        // Without a mapping list, without generated directories.
         fs::create_directories("/usr/libexec/nolist");
         writeFile(makeVersion("nolist", "1-1", false) / "generated.dir.list",
                   "/usr/libexec/nolist\n");
-        makeVersion("nocurrent", "1-1", true, false);
         writeFile(makeVersion("nogenerated", "1-1", false) / "symlink.list", "");
 
         TestSupport::JournalCapture journal;
@@ -138,18 +137,15 @@ TEST(RepairPass, AnUnreadablePackageGoesWithItsMappingsAndGeneratedDirectories) 
             "WARN: couldn't clean up corrupted package mapping: nolist\n"
             "WARN: couldn't find package symlink list\n"
             "INFO: cleaning up the generated directories of the corrupted package: nolist\n",
-            "\"/opt/app/nocurrent/current\"\n"
-            "INFO: cleaning up corrupted package directory: \"/opt/app/nocurrent\"\n",
             "INFO: cleaning up corrupted package mappings: nogenerated\n"
             "INFO: cleaning up the generated directories of the corrupted package: nogenerated\n"
             "INFO: cleaning up corrupted package directory: \"/opt/app/nogenerated\"\n",
         };
         for (const auto& lines : expected)
             EXPECT_NE(log.find(lines), std::string::npos) << lines << "\nin:\n" << log;
-        for (const char* gone :
-             {"/opt/app/demo.bad", "/usr/share/applications/demo.bad.desktop",
-              "/usr/share/demo.bad/copy", "/usr/libexec/demo.bad", "/opt/app/nolist",
-              "/usr/libexec/nolist", "/opt/app/nocurrent", "/opt/app/nogenerated"})
+        for (const char* gone : {"/opt/app/demo.bad", "/usr/share/applications/demo.bad.desktop",
+                                 "/usr/share/demo.bad/copy", "/usr/libexec/demo.bad",
+                                 "/opt/app/nolist", "/usr/libexec/nolist", "/opt/app/nogenerated"})
             EXPECT_FALSE(fs::exists(fs::symlink_status(gone))) << gone;
         // "a b" was read as two paths, "/usr/share/demo.bad/a" and "b": neither is the file.
         for (const char* kept : {"/usr/share/demo.bad/overwritten", "/usr/share/demo.bad/a b",
