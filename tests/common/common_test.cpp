@@ -1,4 +1,8 @@
+// Copies that carry extended attributes, path placement and log lines. Attributes themselves
+// are read and written with every extraction and mapping.
+
 #include "common/filesystem.hpp"
+#include "common/log.hpp"
 #include "tests/support/file_checks.hpp"
 #include "tests/support/sandboxed_test.hpp"
 
@@ -8,59 +12,22 @@
 
 namespace fs = std::filesystem;
 using Common::copyFileWithExtendedAttributes;
-using Common::getExtendedAttribute;
-using Common::setExtendedAttribute;
 using namespace TestSupport;
 
-namespace {
-
-const std::string binaryValue("\0app\0id\0", 8);
-
-} // namespace
-
-TEST(ExtendedAttributes, ReadAndWriteOnFilesAndLinks) {
+TEST(CopyFileWithExtendedAttributes, EveryNonEmptyAttributeOrNothingBehind) {
     SANDBOXED([] {
-        const fs::path file = "/opt/xattr/file";
-        const fs::path link = "/opt/xattr/link";
-        writeFile(file, "content");
-        fs::create_symlink("file", link);
+        writeFile("/opt/copy/many", "data");
+        for (const auto& [name, value] : {std::pair{"user.b", "2"},
+                                          {"security.appid", "demo"},
+                                          {"user.empty", ""},
+                                          {"trusted.ta", "t"}})
+            putAttribute("/opt/copy/many", name, value);
+        auto names = attributeNames("/opt/copy/many");
+        std::erase(names, "user.empty");
+        copyFileWithExtendedAttributes("/opt/copy/many", "/opt/copy/new/many");
+        EXPECT_EQ(attributeNames("/opt/copy/new/many"), names);
+        EXPECT_EQ(attribute("/opt/copy/new/many", "trusted.ta"), "t");
 
-        setExtendedAttribute(file, "user.binary", binaryValue);
-        EXPECT_EQ(attribute(file, "user.binary"), binaryValue);
-        EXPECT_EQ(getExtendedAttribute(file, "user.binary"), binaryValue);
-        // Reading follows a link.
-        EXPECT_EQ(getExtendedAttribute(link, "user.binary"), binaryValue);
-        putAttribute(file, "user.empty", "");
-        EXPECT_EQ(getExtendedAttribute(file, "user.empty"), "");
-
-        // An empty value is never written.
-        setExtendedAttribute(file, "user.never", "");
-        EXPECT_EQ(attribute(file, "user.never"), std::nullopt);
-        setExtendedAttribute("/opt/xattr/missing", "user.never", "");
-
-        // Writing does not follow a link: the link itself takes a trusted attribute, and the
-        // kernel refuses a user attribute on a link that it would accept on the target.
-        setExtendedAttribute(link, "trusted.tolva", "on the link");
-        EXPECT_EQ(attribute(link, "trusted.tolva"), "on the link");
-        EXPECT_EQ(attribute(file, "trusted.tolva"), std::nullopt);
-        const std::pair<std::function<void()>, std::string> refused[] = {
-            {[&] { setExtendedAttribute(link, "user.refused", "v"); },
-             "couldn't attach user.refused extended attribute to /opt/xattr/link"},
-            {[&] { getExtendedAttribute(file, "user.absent"); },
-             "couldn't retrieve size of user.absent extended attribute: /opt/xattr/file"},
-            {[&] { getExtendedAttribute("/opt/xattr/missing", "user.binary"); },
-             "couldn't retrieve size of user.binary extended attribute: /opt/xattr/missing"},
-            {[&] { setExtendedAttribute("/opt/xattr/missing", "user.a", "v"); },
-             "couldn't attach user.a extended attribute to /opt/xattr/missing"},
-        };
-        for (const auto& [operation, message] : refused)
-            EXPECT_EQ(errorOf(operation), message);
-        EXPECT_EQ(attribute(file, "user.refused"), std::nullopt);
-    });
-}
-
-TEST(CopyFileWithExtendedAttributes, ARefusedCopyLeavesNothingBehind) {
-    SANDBOXED([] {
         writeFile("/opt/copy/source", "new");
         putAttribute("/opt/copy/source", "user.a", "new");
         writeFile("/opt/copy/existing", "old");
@@ -114,4 +81,13 @@ TEST(RemapPath, FirstMatchingRulePlacesThePath) {
     };
     for (const auto& [path, place] : placed)
         EXPECT_EQ(Common::remapPath(path, rules), place) << path;
+}
+
+// Paths and pieces in log lines are checked with every message above.
+TEST(LogLine, ANullCStringFailsTheStreamForItsOwnRecordOnly) {
+    EXPECT_EQ(captureStderr([] {
+                  Common::LogLine(Common::LogLevel::Info) << static_cast<const char*>(nullptr);
+                  Common::logError("next");
+              }),
+              "INFO: \nERROR: next\n");
 }
