@@ -98,14 +98,10 @@ TEST(Containment, TheRepairPassNeverReachesOutOfItsPlaces) {
              {"escape", "out-current", "link-to-etc", "loop", "fifo", "fifo-list"})
             EXPECT_FALSE(fs::exists(fs::symlink_status(fs::path("/opt/app") / gone))) << gone;
         EXPECT_FALSE(fs::exists(fs::symlink_status("/opt/app/out-next/next")));
-        for (const char* line :
-             {"WARN: skip removing a listed path outside the package's places: "
-              "\"/etc/victim.conf\"\n",
-              "WARN: skip removing the generated package symlink, since it was most likely "
-              "overwritten via rpm: \"/usr/bin/victim-tool\"\n",
-              "WARN: ignoring a link that leads out of its package directory: "
-              "\"/opt/app/out-next/next\"\n"})
-            EXPECT_NE(log.find(line), std::string::npos) << line << log;
+        EXPECT_NE(log.find("WARN: ignoring a link that leads out of its package directory: "
+                           "\"/opt/app/out-next/next\"\n"),
+                  std::string::npos)
+            << log;
     });
 }
 

@@ -67,7 +67,7 @@ Database database() {
 
 } // namespace
 
-TEST(Upgrade, PackageDirectoriesUpgradeChecksAndRemoval) {
+TEST(Upgrade, PackageDirectoriesUpgradeChecksCompletionAndRemoval) {
     SANDBOXED([] {
         const auto db = database();
         installFirstVersion();
@@ -87,8 +87,24 @@ TEST(Upgrade, PackageDirectoriesUpgradeChecksAndRemoval) {
         EXPECT_EQ(log, "INFO: cleaning up corrupted package directory: \"/opt/app/headless\"\n");
         EXPECT_FALSE(fs::exists("/opt/app/headless"));
 
-        EXPECT_NO_THROW(db.checkUpgrade(package("1.0-1")));
-        EXPECT_NO_THROW(db.checkUpgrade(package("1.0-2")));
+        // "next" absent, a plain directory, a link whose version is gone: nothing is switched,
+        // and what stood as "next" is gone.
+        for (const auto& makeNext : std::vector<std::function<void()>>{
+                 [] {},
+                 [] { writeFile(demo / "next/velmor.pkg", "[general]\n"); },
+                 [] { fs::create_directory_symlink(demo / "2.0-1", demo / "next"); },
+             }) {
+            makeNext();
+            EXPECT_EQ(captureStderr([&] {
+                          message = errorOf([&] { db.completeUpgrade(package("2.0-1")); },
+                                            ErrorCode::Internal);
+                      }),
+                      "");
+            EXPECT_EQ(message, "attempt to complete non-existent update for demo package");
+            EXPECT_EQ(entries(demo), (std::set<std::string>{"current", "1.0-1"}));
+            EXPECT_EQ(readFile("/usr/bin/demo"), "v1");
+        }
+
         EXPECT_EQ(errorOf([&] { db.checkUpgrade(package("0.9-7")); }, ErrorCode::DowngradeAttempt),
                   "attempt to downgrade package from 1.0-1 to 0.9-7 version");
         // A prepared upgrade is the measure; the installed version is not consulted.
@@ -140,30 +156,6 @@ TEST(Upgrade, PackageDirectoriesUpgradeChecksAndRemoval) {
         EXPECT_EQ(message, "couldn't parse actual package version: ");
         EXPECT_FALSE(fs::exists(demo));
         EXPECT_FALSE(present("/usr/bin/demo"));
-    });
-}
-
-TEST(Upgrade, CompletingWithoutAPreparedUpgrade) {
-    SANDBOXED([] {
-        const auto db = database();
-        installFirstVersion();
-        // "next" absent, a plain directory, a link whose version is gone: nothing is switched,
-        // and what stood as "next" is gone.
-        for (const auto& makeNext : std::vector<std::function<void()>>{
-                 [] {},
-                 [] { writeFile(demo / "next/velmor.pkg", "[general]\n"); },
-                 [] { fs::create_directory_symlink(demo / "2.0-1", demo / "next"); },
-             }) {
-            makeNext();
-            std::string log;
-            EXPECT_EQ(
-                errorOf([&] { log = captureStderr([&] { db.completeUpgrade(package("2.0-1")); }); },
-                        ErrorCode::Internal),
-                "attempt to complete non-existent update for demo package");
-            EXPECT_EQ(log, "");
-            EXPECT_EQ(entries(demo), (std::set<std::string>{"current", "1.0-1"}));
-            EXPECT_EQ(readFile("/usr/bin/demo"), "v1");
-        }
     });
 }
 
@@ -240,13 +232,11 @@ TEST(StartUpPass, CompletesUpgradesRemovesOutdatedVersionsAndCompletesMetadata) 
         EXPECT_EQ(entries(demo), (std::set<std::string>{"current", "2.0-1"}));
         EXPECT_EQ(readFile("/usr/bin/demo"), "v2");
         EXPECT_FALSE(present("/usr/share/demo/old.txt"));
-        std::vector<std::map<std::string, std::string>> upgrades;
+        std::vector<std::string> upgrades;
         while (journal.pending())
             if (auto entry = journal.receive(); entry["TOLVA_EVENT_CODE"] == "13")
-                upgrades.push_back(entry);
-        ASSERT_EQ(upgrades.size(), 1u);
-        EXPECT_EQ(upgrades[0]["MESSAGE"], "package demo successfully upgraded");
-        EXPECT_EQ(upgrades[0]["PRIORITY"], "6");
+                upgrades.push_back(entry["MESSAGE"]);
+        EXPECT_EQ(upgrades, std::vector<std::string>{"package demo successfully upgraded"});
 
         EXPECT_EQ(entries("/opt/app/old"), (std::set<std::string>{"current", "1.0-1"}));
         EXPECT_EQ(fs::read_symlink("/opt/app/stuck/current"), "/opt/app/stuck/1.0-1");
