@@ -10,9 +10,6 @@
 #include <fstream>
 #include <gtest/gtest.h>
 #include <set>
-#include <sstream>
-#include <string>
-#include <vector>
 
 namespace fs = std::filesystem;
 using TestSupport::lines;
@@ -52,17 +49,15 @@ TEST(Packaging, TheRpmInstallsTheLauncherWhereItsUnitStartsIt) {
             if (!file.starts_with("/usr/lib/.build-id"))
                 files.insert(file);
         const fs::path stampDirectory = fs::path(Launcher::stampPath).parent_path();
-        const std::set<std::string> expected = {
-            "/usr/bin/pkgsig",
-            "/usr/bin/tolva-pkg",
-            "/usr/libexec/tolva-migrate",
-            "/usr/libexec/tolva-migrate-run",
-            unitPath.string(),
-            wantsLink.string(),
-            "/usr/share/man/man1/pkgsig.1.gz",
-            "/usr/share/man/man8/tolva-migrate.8.gz",
-            stampDirectory.string(),
-        };
+        const std::set<std::string> expected = {"/usr/bin/pkgsig",
+                                                "/usr/bin/tolva-pkg",
+                                                "/usr/libexec/tolva-migrate",
+                                                "/usr/libexec/tolva-migrate-run",
+                                                unitPath.string(),
+                                                wantsLink.string(),
+                                                "/usr/share/man/man1/pkgsig.1.gz",
+                                                "/usr/share/man/man8/tolva-migrate.8.gz",
+                                                stampDirectory.string()};
         EXPECT_EQ(files, expected);
 
         TestSupport::installPackages({rpm});

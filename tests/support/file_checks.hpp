@@ -9,7 +9,9 @@
 #include <fstream>
 #include <functional>
 #include <gtest/gtest.h>
+#include <map>
 #include <optional>
+#include <set>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -37,6 +39,60 @@ inline std::vector<std::string> lines(const std::string& text) {
     for (std::string line; std::getline(stream, line);)
         result.push_back(line);
     return result;
+}
+
+// Whether anything, a dangling link too, stands at `path`.
+inline bool present(const std::filesystem::path& path) {
+    return std::filesystem::exists(std::filesystem::symlink_status(path));
+}
+
+// The names in `directory`.
+inline std::set<std::string> entries(const std::filesystem::path& directory) {
+    std::set<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(directory))
+        names.insert(entry.path().filename().string());
+    return names;
+}
+
+// What a user could see of the trees `tops`, leaving out what lies below `skip`: each entry's
+// type, mode, link target and content (size and time for a file over 64 KiB).
+using Snapshot = std::map<std::string, std::string>;
+inline Snapshot snapshot(const std::vector<std::string>& tops, const std::string& skip = "//") {
+    namespace fs = std::filesystem;
+    Snapshot seen;
+    for (const auto& top : tops) {
+        std::error_code error;
+        for (auto entry = fs::recursive_directory_iterator(top, error);
+             entry != fs::recursive_directory_iterator(); entry.increment(error)) {
+            if (entry->path().string().starts_with(skip)) {
+                entry.disable_recursion_pending();
+                continue;
+            }
+            const auto status = entry->symlink_status();
+            std::string& text = seen[entry->path()] = std::to_string(int(status.type())) + " " +
+                                                      std::to_string(int(status.permissions()));
+            if (fs::is_symlink(status))
+                text += " -> " + fs::read_symlink(entry->path()).string();
+            else if (fs::is_regular_file(status) && entry->file_size() <= 65536)
+                text += " " + readFile(entry->path());
+            else if (fs::is_regular_file(status))
+                text += " " + std::to_string(entry->file_size()) + " " +
+                        std::to_string(entry->last_write_time().time_since_epoch().count());
+        }
+    }
+    return seen;
+}
+
+// The paths whose entry differs between two snapshots, one a line; empty when none does.
+inline std::string changes(const Snapshot& before, const Snapshot& after) {
+    std::string text;
+    for (const auto& [path, seen] : after)
+        if (!before.contains(path) || before.at(path) != seen)
+            text += path + "\n";
+    for (const auto& [path, seen] : before)
+        if (!after.contains(path))
+            text += path + "\n";
+    return text;
 }
 
 // The attribute names of `path` itself (a link is not followed), in the kernel's list order.

@@ -76,6 +76,11 @@ inline void signWithLibrary(const std::filesystem::path& package,
     file.writeWithSignatures(cmses, package);
 }
 
+// Inside a sandbox: makes the test PKI's CA the platform's package authority.
+inline void trustTestCa() {
+    writeFile("/etc/keys/packages/ca.pem", readFile(TestPki::shared().certificate("ca")));
+}
+
 // pkgsig always signs as a developer: a package with only the test client's signature.
 inline void signAsClientOnly(const std::filesystem::path& package) {
     signWithLibrary(package, {{"client"}});

@@ -1,6 +1,11 @@
+// The package database's files and version directories, and the repair pass over real package
+// trees in the sandbox, with mappings in the real system directories.
+
 #include "common/error.hpp"
+#include "common/filesystem.hpp"
 #include "core/tolva/database.hpp"
 #include "tests/support/file_checks.hpp"
+#include "tests/support/journal_capture.hpp"
 #include "tests/support/rpm_fixtures.hpp"
 #include "tests/support/sandboxed_test.hpp"
 
@@ -15,54 +20,63 @@ using TestSupport::errorOf;
 using TestSupport::readFile;
 using TestSupport::writeFile;
 
-TEST(DatabaseConfiguration, DefaultsForAMissingOrBadFileAndValuesAsTheyStand) {
+namespace {
+
+// root/id/version with a velmor.pkg (good, or lacking its version) and, when asked, "current".
+fs::path makeVersion(const std::string& id, const std::string& version, bool good = true,
+                     bool current = true) {
+    const fs::path package = fs::path("/opt/app") / id;
+    writeFile(package / version / "velmor.pkg",
+              "[general]\nid=" + id + "\n" +
+                  (good ? "version=" + version + "\n[certificate]\nid=k\nsubgroup=s\n" : ""));
+    if (current)
+        fs::create_directory_symlink(package / version, package / "current");
+    return package / version;
+}
+
+// A database over the default root, without the missing configuration's warning.
+Database database() {
+    writeFile("/etc/tolva/tolva.conf", "");
+    return Database();
+}
+
+std::vector<std::string> ids(const std::vector<PackageData>& packages) {
+    std::vector<std::string> result;
+    for (const auto& data : packages)
+        result.push_back(data.at("general.id") + "@" + data.at("general.version"));
+    return result;
+}
+
+} // namespace
+
+TEST(Database, AVersionDirectoryIsMovedIntoPlaceButNeverOverAnExistingOne) {
     SANDBOXED([] {
-        const auto warning = "WARN: couldn't parse config file: /etc/tolva/tolva.conf\n";
-        fs::remove("/etc/tolva/tolva.conf");
-        std::optional<Database> database;
-        EXPECT_EQ(captureStderr([&] { database.emplace(); }), warning);
-        EXPECT_EQ(database->rootDirectory(), "/opt/app");
-        EXPECT_EQ(database->tempDirectory(), "/opt/tolva/tmp");
-
-        writeFile("/etc/tolva/tolva.conf",
-                  "[database]\nroot_directory=/srv/apps\nroot_directory=/x\n");
-        EXPECT_EQ(captureStderr([&] { database.emplace(); }), warning);
-        EXPECT_EQ(database->rootDirectory(), "/opt/app");
-
-        // A directory that is no place for the database is refused, and the default taken.
-        writeFile("/etc/tolva/tolva.conf", "[database]\nroot_directory=/opt/apps\n"
-                                           "temp_directory=\n");
-        EXPECT_EQ(captureStderr([&] { database.emplace(); }),
-                  "WARN: ignoring an unsafe directory in config file: "
-                  "database.temp_directory=\"\"\n");
-        EXPECT_EQ(database->rootDirectory(), "/opt/apps");
-        EXPECT_EQ(database->tempDirectory(), "/opt/tolva/tmp");
-
+        const Database database = ::database();
         writeFile("/opt/tolva/tmp/demo.notes/bin/notes", "#!/bin/sh\n");
-        EXPECT_EQ(database->createVersionedDirectory("demo.notes", "1.2.3-1",
-                                                     "/opt/tolva/tmp/demo.notes"),
-                  "/opt/apps/demo.notes/1.2.3-1");
-        EXPECT_EQ(readFile("/opt/apps/demo.notes/1.2.3-1/bin/notes"), "#!/bin/sh\n");
+        EXPECT_EQ(
+            database.createVersionedDirectory("demo.notes", "1.2.3-1", "/opt/tolva/tmp/demo.notes"),
+            "/opt/app/demo.notes/1.2.3-1");
+        EXPECT_EQ(readFile("/opt/app/demo.notes/1.2.3-1/bin/notes"), "#!/bin/sh\n");
         EXPECT_FALSE(fs::exists("/opt/tolva/tmp/demo.notes"));
         EXPECT_EQ(errorOf(
                       [&] {
-                          database->createVersionedDirectory("demo.notes", "2-1",
-                                                             "/opt/tolva/tmp/demo.notes");
+                          database.createVersionedDirectory("demo.notes", "2-1",
+                                                            "/opt/tolva/tmp/demo.notes");
                       },
                       Common::ErrorCode::Internal),
                   "extracted package directory doesn't exist: /opt/tolva/tmp/demo.notes");
         // A version directory that is already there, with files in it, is not replaced.
         writeFile("/opt/tolva/tmp/demo.notes/bin/notes", "new");
         EXPECT_EQ(errorOf([&] {
-                      database->createVersionedDirectory("demo.notes", "1.2.3-1",
-                                                         "/opt/tolva/tmp/demo.notes");
+                      database.createVersionedDirectory("demo.notes", "1.2.3-1",
+                                                        "/opt/tolva/tmp/demo.notes");
                   }),
-                  "couldn't create versioned directory: /opt/apps/demo.notes/1.2.3-1");
-        EXPECT_EQ(readFile("/opt/apps/demo.notes/1.2.3-1/bin/notes"), "#!/bin/sh\n");
+                  "couldn't create versioned directory: /opt/app/demo.notes/1.2.3-1");
+        EXPECT_EQ(readFile("/opt/app/demo.notes/1.2.3-1/bin/notes"), "#!/bin/sh\n");
     });
 }
 
-TEST(PackageDataFile, WrittenInItsFixedOrderAndReadBack) {
+TEST(PackageDataFile, WrittenInItsFixedOrderAndReadBackOrRefused) {
     const TestSupport::Scratch directory;
     const PackageData extra{{"certificate.subgroup", "regular"},
                             {"certificate.id", "a1b2"},
@@ -73,17 +87,7 @@ TEST(PackageDataFile, WrittenInItsFixedOrderAndReadBack) {
     EXPECT_EQ(readFile(file), "[general]\nappname=Notes\nid=demo.notes\norgname=Demo Org\n"
                               "version=1.2.3-1\n[applicationdata]\nsetupdata={\"a\": 1}\n"
                               "[certificate]\nid=a1b2\nsubgroup=regular\n");
-    EXPECT_EQ(Database::readPackageDataFile(file).size(), 7u);
-    // The manifest names only come in pairs.
-    Database::writePackageDataFile({"demo.clock", "Demo Org", std::nullopt}, "2.0-1", {},
-                                   directory.path());
-    EXPECT_EQ(readFile(file), "[general]\nid=demo.clock\nversion=2.0-1\n");
-
-    writeFile(file, "[general]\nid=x\nversion=1\nextra=kept\n[certificate]\nsubgroup=s\nid=c\n"
-                    "[vendor]\nnote=also kept\n");
-    auto data = Database::readPackageDataFile(file);
-    EXPECT_EQ(data["general.extra"], "kept");
-    EXPECT_EQ(data["vendor.note"], "also kept");
+    EXPECT_EQ(Database::readPackageDataFile(file).at("applicationdata.setupdata"), "{\"a\": 1}");
 
     const std::pair<std::string, std::string> bad[] = {
         {"[general]\nid=x\nversion=1\n[certificate]\nsubgroup=s\n",
@@ -116,14 +120,179 @@ TEST(DatabaseFiles, ALeadingByteOrderMarkIsSkipped) {
     TestSupport::Scratch scratch;
     const fs::path directory = scratch.path();
     const std::string mark = "\xEF\xBB\xBF";
-    TestSupport::writeFile(directory / "tolva.conf", mark + "[database]\nroot_directory=/srv/apps\n");
+    TestSupport::writeFile(directory / "tolva.conf",
+                           mark + "[database]\nroot_directory=/srv/apps\n");
     std::optional<Database> database;
     EXPECT_EQ(captureStderr([&] { database.emplace(directory / "tolva.conf"); }), "");
     EXPECT_EQ(database->rootDirectory(), "/srv/apps");
     EXPECT_EQ(database->tempDirectory(), "/opt/tolva/tmp");
 
-    TestSupport::writeFile(directory / "velmor.pkg",
-              mark + "[general]\nid=demo.notes\nversion=1\n[certificate]\nid=c\nsubgroup=s\n");
+    TestSupport::writeFile(
+        directory / "velmor.pkg",
+        mark + "[general]\nid=demo.notes\nversion=1\n[certificate]\nid=c\nsubgroup=s\n");
     EXPECT_EQ(Database::readPackageDataFile(directory / "velmor.pkg").at("general.id"),
               "demo.notes");
+}
+
+TEST(RepairPass, RootScanAndPreparedUpgrades) {
+    SANDBOXED([] {
+        fs::remove_all("/opt/app");
+        const auto db = database();
+        std::vector<PackageData> found;
+        EXPECT_EQ(captureStderr([&] { found = db.installedPackages(); }), "");
+        EXPECT_TRUE(found.empty());
+        EXPECT_FALSE(fs::exists("/opt/app"));
+
+        // A readable "next" is the package's state.
+        const auto next = makeVersion("ready", "2-1", true, false);
+        makeVersion("ready", "1-1");
+        fs::create_directory_symlink(next, "/opt/app/ready/next");
+        EXPECT_EQ(db.readPackageData("/opt/app/ready").at("general.version"), "2-1");
+
+        // An unreadable "next" goes, with its version (a relative target is the package's own,
+        // not the working directory's); "current" is read instead.
+        const auto broken = makeVersion("broken", "2-1", false, false);
+        makeVersion("broken", "1-1");
+        fs::create_directory_symlink("2-1", "/opt/app/broken/next");
+        fs::create_directories("/opt/workdir/2-1");
+        fs::current_path("/opt/workdir");
+        PackageData data;
+        auto log = captureStderr([&] { data = db.readPackageData("/opt/app/broken"); });
+        EXPECT_EQ(log, "WARN: couldn't read package data from the next directory: "
+                       "\"/opt/app/broken/next\"\n"
+                       "INFO: trying to read data from the current directory\n"
+                       "INFO: cleaning up corrupted next directory: \"/opt/app/broken/next\"\n");
+        EXPECT_EQ(data.at("general.version"), "1-1");
+        EXPECT_FALSE(fs::exists(broken));
+        EXPECT_FALSE(fs::exists(fs::symlink_status("/opt/app/broken/next")));
+        EXPECT_TRUE(fs::exists("/opt/workdir/2-1"));
+
+        // A dangling "next" counts as absent and stays.
+        makeVersion("dangling", "1-1");
+        fs::create_directory_symlink("/opt/app/dangling/9-9", "/opt/app/dangling/next");
+        EXPECT_EQ(captureStderr([&] { data = db.readPackageData("/opt/app/dangling"); }), "");
+        EXPECT_TRUE(fs::is_symlink("/opt/app/dangling/next"));
+
+        // A plain directory as "next" is removed, nothing else.
+        makeVersion("plain", "1-1");
+        fs::create_directories("/opt/app/plain/next/sub");
+        captureStderr([&] { data = db.readPackageData("/opt/app/plain"); });
+        EXPECT_EQ(data.at("general.version"), "1-1");
+        EXPECT_FALSE(fs::exists("/opt/app/plain/next"));
+        EXPECT_TRUE(fs::exists("/opt/app/plain/1-1/velmor.pkg"));
+    });
+}
+
+TEST(RepairPass, AnUnreadablePackageGoesWithItsMappingsAndGeneratedDirectories) {
+    SANDBOXED([] {
+        const auto db = database();
+        const auto version = makeVersion("demo.bad", "1-1", false);
+        fs::create_directories("/usr/share/applications");
+        fs::create_symlink(version / "x", "/usr/share/applications/demo.bad.desktop");
+        writeFile("/usr/share/demo.bad/copy", "c");
+        Common::setExtendedAttribute("/usr/share/demo.bad/copy", "user.tolva.mapping.target",
+                                     (version / "data/copy").string());
+        writeFile("/usr/share/demo.bad/overwritten", "rpm's own");
+        writeFile("/usr/share/demo.bad/a", "piece");
+        writeFile("/usr/share/demo.bad/a b", "whole");
+        writeFile(version / "symlink.list",
+                  "/usr/share/applications/demo.bad.desktop\n/usr/share/demo.bad/copy\n"
+                  "/usr/share/demo.bad/overwritten\n/usr/share/demo.bad/a b\n");
+        fs::create_directories("/usr/libexec/demo.bad/cache");
+        writeFile(version / "generated.dir.list", "/usr/libexec/demo.bad\n/var/lib/none\n");
+        makeVersion("demo.good", "1-1");
+        // Without a mapping list, without generated directories.
+        fs::create_directories("/usr/libexec/nolist");
+        writeFile(makeVersion("nolist", "1-1", false) / "generated.dir.list",
+                  "/usr/libexec/nolist\n");
+        writeFile(makeVersion("nogenerated", "1-1", false) / "symlink.list", "");
+
+        TestSupport::JournalCapture journal;
+        std::vector<PackageData> found;
+        const auto log = captureStderr([&] { found = db.installedPackages(); });
+        EXPECT_EQ(ids(found), std::vector<std::string>{"demo.good@1-1"});
+        const std::string skipped = "WARN: skip removing the generated package symlink, since it "
+                                    "was most likely overwritten via rpm: ";
+        const std::string expected[] = {
+            "ERROR: couldn't read package data from the current directory: "
+            "\"/opt/app/demo.bad/current\"\n"
+            "INFO: cleaning up corrupted package mappings: demo.bad\n" +
+                skipped + "\"/usr/share/demo.bad/overwritten\"\n" + skipped +
+                "\"/usr/share/demo.bad/a\"\n"
+                "WARN: skip removing a listed path outside the package's places: \"b\"\n"
+                "INFO: cleaning up the generated directories of the corrupted package: demo.bad\n"
+                "INFO: cleaning up corrupted package directory: \"/opt/app/demo.bad\"\n"
+                "WARN: corrupted package directory found: \"/opt/app/demo.bad\"\n",
+            "WARN: couldn't clean up corrupted package mapping: nolist\n"
+            "WARN: couldn't find package symlink list\n"
+            "INFO: cleaning up the generated directories of the corrupted package: nolist\n",
+            "INFO: cleaning up corrupted package mappings: nogenerated\n"
+            "INFO: cleaning up the generated directories of the corrupted package: nogenerated\n"
+            "INFO: cleaning up corrupted package directory: \"/opt/app/nogenerated\"\n",
+        };
+        for (const auto& lines : expected)
+            EXPECT_NE(log.find(lines), std::string::npos) << lines << "\nin:\n" << log;
+        for (const char* gone : {"/opt/app/demo.bad", "/usr/share/applications/demo.bad.desktop",
+                                 "/usr/share/demo.bad/copy", "/usr/libexec/demo.bad",
+                                 "/opt/app/nolist", "/usr/libexec/nolist", "/opt/app/nogenerated"})
+            EXPECT_FALSE(fs::exists(fs::symlink_status(gone))) << gone;
+        // "a b" was read as two paths, "/usr/share/demo.bad/a" and "b": neither is the file.
+        for (const char* kept : {"/usr/share/demo.bad/overwritten", "/usr/share/demo.bad/a b",
+                                 "/usr/share/demo.bad/a"})
+            EXPECT_TRUE(fs::exists(kept)) << kept;
+
+        const auto entry = journal.receive();
+        EXPECT_EQ(entry.at("TOLVA_EVENT_CODE"), "14");
+        EXPECT_TRUE(entry.at("MESSAGE").starts_with("/opt/app/")) << entry.at("MESSAGE");
+    });
+}
+
+TEST(RepairPass, CleanUpFailuresAreWarnedAboutAndPassedOver) {
+    SANDBOXED([] {
+        const auto db = database();
+        // Nothing right inside the root, the package "locked" or the mapping directory can be
+        // unlinked; what lies deeper can.
+        TestSupport::mountFresh("tmpfs", "/opt/app");
+        writeFile("/opt/app/stray", "x");
+        const auto bad = makeVersion("bad", "1-1", false);
+        TestSupport::mountFresh("tmpfs", "/usr/share/bad");
+        fs::create_symlink(bad / "x", "/usr/share/bad/mapping");
+        fs::create_directories("/usr/share/bad/generated/inside");
+        writeFile(bad / "symlink.list", "/usr/share/bad/mapping\n");
+        writeFile(bad / "generated.dir.list", "/usr/share/bad/generated\n");
+        makeVersion("locked", "1-1");
+        makeVersion("locked", "2-1", false, false);
+        fs::create_directory_symlink("2-1", "/opt/app/locked/next");
+        for (const char* directory : {"/opt/app", "/opt/app/locked", "/usr/share/bad"})
+            TestSupport::makeAppendOnly(directory);
+
+        std::vector<PackageData> found;
+        const auto log = captureStderr([&] { found = db.installedPackages(); });
+        EXPECT_EQ(ids(found), std::vector<std::string>{"locked@1-1"});
+        const auto cause = [](const fs::path& path, bool all = true) {
+            return "WARN: " + TestSupport::removalFailure(path, all) + "\n";
+        };
+        const std::string expected[] = {
+            "WARN: unexpected entry found in database root directory: \"/opt/app/stray\"\n"
+            "INFO: cleaning up unexpected entry\nWARN: couldn't clean up unexpected entry\n" +
+                cause("/opt/app/stray", false),
+            "INFO: cleaning up corrupted package mappings: bad\n"
+            "WARN: couldn't remove the generated package mapping: \"/usr/share/bad/mapping\"\n"
+            "INFO: cleaning up the generated directories of the corrupted package: bad\n"
+            "WARN: couldn't remove the generated package directory: "
+            "\"/usr/share/bad/generated\"\n"
+            "WARN: couldn't clean up corrupted package directory: \"/opt/app/bad\"\n" +
+                cause("/opt/app/bad") +
+                "WARN: corrupted package directory found: \"/opt/app/bad\"\n",
+            "INFO: cleaning up corrupted next directory: \"/opt/app/locked/next\"\n" +
+                cause("/opt/app/locked/2-1") +
+                "WARN: couldn't cleanup corrupted package version: \"/opt/app/locked/2-1\"\n" +
+                cause("/opt/app/locked/next") +
+                "WARN: couldn't cleanup corrupted next symlink: \"/opt/app/locked/next\"\n",
+        };
+        for (const auto& lines : expected)
+            EXPECT_NE(log.find(lines), std::string::npos) << lines << "\nin:\n" << log;
+        EXPECT_TRUE(fs::is_empty("/opt/app/bad"));
+        EXPECT_TRUE(fs::is_empty("/usr/share/bad/generated"));
+    });
 }

@@ -25,14 +25,14 @@ struct stat statOf(const fs::path& path) {
 TEST(LinkInstalledFile, LinksOnlyAFileWithOneNameOnTheSameFileSystem) {
     SANDBOXED([] {
         writeFile("/opt/installed/single", "data");
-        EXPECT_TRUE(Core::Tolva::linkInstalledFile(
-            "/opt/installed/single", statOf("/opt/installed/single"), "/opt/tree/a/single"));
+        const auto replaced = statOf("/opt/installed/single");
+        EXPECT_TRUE(Core::Tolva::linkInstalledFile("/opt/installed/single", replaced,
+                                                   "/opt/tree/a/single"));
         EXPECT_TRUE(fs::equivalent("/opt/installed/single", "/opt/tree/a/single"));
 
         // A name elsewhere, a file replaced since it was looked at, another file system.
         writeFile("/opt/installed/twice", "data");
         fs::create_hard_link("/opt/installed/twice", "/opt/installed/elsewhere");
-        const auto replaced = statOf("/opt/installed/single");
         fs::remove("/opt/installed/single");
         writeFile("/opt/installed/single", "new"); // "a/single" keeps the old inode in use
         writeFile("/usr/installed/other", "data");

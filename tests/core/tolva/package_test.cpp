@@ -1,8 +1,9 @@
-// Package records read from signed package files in the sandbox, where the platform's
-// certificate authority is the test PKI's.
+// Package records read from signed package files, and unpacked into package trees, in the
+// sandbox, where the platform's certificate authority is the test PKI's.
 
 #include "common/error.hpp"
 #include "core/tolva/package.hpp"
+#include "core/tolva/path_checks.hpp"
 #include "tests/support/file_checks.hpp"
 #include "tests/support/rpm_fixtures.hpp"
 #include "tests/support/sandboxed_test.hpp"
@@ -13,9 +14,9 @@
 namespace fs = std::filesystem;
 using Common::ErrorCode;
 using Core::Tolva::Package;
+using TestSupport::attribute;
 using TestSupport::captureStderr;
 using TestSupport::errorOf;
-using TestSupport::TestPki;
 
 namespace {
 
@@ -55,18 +56,42 @@ fs::path signedCopy(const TestSupport::Scratch& scratch, const std::string& name
     return copy;
 }
 
-void installPlatformAuthority() {
-    fs::create_directories("/etc/keys/packages");
-    fs::copy_file(TestPki::shared().certificate("ca"), Core::Tolva::packageCaPath);
+TestSupport::FixturePackage tool() {
+    using namespace TestSupport;
+    return {"tool",
+            "1.0",
+            "1",
+            std::nullopt,
+            {},
+            {directory("/usr/share/tool", 02775),
+             file("/usr/bin/tool", "#!/bin/sh\n", 0755),
+             {FixtureFile::Kind::File, "/usr/share/tool/tool.conf", "a=b\n", 0600, true, {}},
+             file("/usr/share/tool/a.dat", "shared data"),
+             hardlink("/usr/share/tool/b.dat", "/usr/share/tool/a.dat"),
+             file("/usr/lib/3rdparty/tool/libtool.so.1", "library"),
+             TestSupport::symlink("/usr/bin/tool-library", "../lib/3rdparty/tool/libtool.so.1"),
+             TestSupport::symlink("/usr/share/tool/settings", "tool.conf")}};
+}
+
+std::string bytes(const PackageSignatures::Bytes& value) {
+    return std::string(value.begin(), value.end());
+}
+
+std::uint32_t indexOf(const Package& package, const fs::path& path) {
+    const auto& files = package.files();
+    const auto found = std::find_if(files.begin(), files.end(),
+                                    [&](const auto& entry) { return entry.path == path; });
+    return std::uint32_t(found - files.begin());
 }
 
 } // namespace
 
-TEST(Package, RecordOfASignedPackageFile) {
+TEST(Package, ManifestNamesOrWarningsAndOnlyDeveloperSignedFiles) {
     TestSupport::Scratch scratch;
     const auto good = foo(manifest("org.example", "Foo"));
     const auto both = signedCopy(scratch, "both", good, "developer", "client");
-    const auto developerOnly = signedCopy(scratch, "developer-only", good, "developer-system");
+    const auto clientOnly = signedCopy(scratch, "client", good, "client-only");
+    const auto unsignedPackage = signedCopy(scratch, "unsigned", good, "");
     // Manifests missing or lacking names: the warnings, then the names that are left.
     const std::string noManifest = "the package does not contain a manifest: ";
     const std::string noOrg = "The package does not contain a organization name: ";
@@ -78,29 +103,13 @@ TEST(Package, RecordOfASignedPackageFile) {
         {signedCopy(scratch, "no-names", foo(manifest("", "")), "developer"), {noOrg, noApp}, {}},
     };
     SANDBOXED([&] {
-        installPlatformAuthority();
+        TestSupport::trustTestCa();
         fs::remove_all("/var/lib/rpm");
         std::optional<Package> package;
         EXPECT_EQ(captureStderr([&] { package.emplace(Package::fromPath(both.string())); }), "");
         EXPECT_FALSE(fs::exists("/var/lib/rpm")); // reading leaves no RPM database behind
-        EXPECT_EQ(package->id(), "foo");
-        EXPECT_EQ(package->version(), "2.0-1");
-        EXPECT_EQ(package->architecture(), "noarch");
-        ASSERT_EQ(package->files().size(), 3u);
-        EXPECT_EQ(package->files()[2].path, "/usr/share/applications/foo.desktop");
         EXPECT_EQ(package->orgName(), "org.example");
         EXPECT_EQ(package->appName(), "Foo");
-        EXPECT_EQ(package->cmses().size(), 2u);
-        EXPECT_EQ(package->developerCms().certificate().subject(),
-                  "CN=Regular Developer,O=Example Apps,C=FI");
-        EXPECT_EQ(package->source(), Package::Source(TestSupport::pkiCertificate("client").keyId(),
-                                                     TestPki::clientSubject));
-        EXPECT_FALSE(package->isSystemDeveloper());
-
-        const auto developerSigned = Package::fromPath(developerOnly.string());
-        EXPECT_EQ(developerSigned.source(), Package::Source(".no.source.apps", ""));
-        EXPECT_TRUE(developerSigned.isSystemDeveloper());
-        EXPECT_EQ(developerSigned.cmses().size(), 1u);
 
         for (const auto& [path, warnings, appName] : cases) {
             std::string expected;
@@ -110,22 +119,7 @@ TEST(Package, RecordOfASignedPackageFile) {
             EXPECT_EQ(package->orgName(), std::nullopt);
             EXPECT_EQ(package->appName(), appName);
         }
-    });
-}
 
-TEST(Package, RefusedSignatures) {
-    // A package known from installed data has none.
-    const Package installed("foo", "1.0-2", {}, "org.example", std::nullopt);
-    EXPECT_EQ(errorOf([&] { installed.developerCms(); }, ErrorCode::BadPackageSignature),
-              "package doesn't have developer signature");
-
-    TestSupport::Scratch scratch;
-    const auto good = foo(manifest("org.example", "Foo"));
-    const auto clientOnly = signedCopy(scratch, "client", good, "client-only");
-    const auto foreign = signedCopy(scratch, "foreign", good, "developer-other-ca", "client");
-    const auto unsignedPackage = signedCopy(scratch, "unsigned", good, "");
-    SANDBOXED([&] {
-        installPlatformAuthority();
         const auto refusal = [](const fs::path& path, ErrorCode code) {
             std::string message;
             captureStderr([&] { message = errorOf([&] { Package::fromPath(path); }, code); });
@@ -133,9 +127,59 @@ TEST(Package, RefusedSignatures) {
         };
         EXPECT_EQ(refusal(clientOnly, ErrorCode::BadPackageSignature),
                   "package doesn't have developer signature");
-        EXPECT_EQ(refusal(foreign, ErrorCode::BadPackageSignature),
-                  "package is signed with a non-legal key");
         EXPECT_EQ(refusal(unsignedPackage, ErrorCode::BadPackage),
                   "couldn't open file for reading cmses");
     });
+}
+
+TEST(Extraction, EveryEntryAtItsPlaceWithModesSignaturesAndLinks) {
+    TestSupport::Scratch scratch;
+    const fs::path file = signedCopy(scratch, "tool", tool(), "developer");
+    SANDBOXED([&] {
+        TestSupport::trustTestCa();
+        const auto package = Package::fromPath(file);
+        const fs::path root = "/opt/app/tool/1.0-1";
+        const fs::path& linkRoot = root;
+        EXPECT_EQ(captureStderr([&] { package.extract(root, linkRoot); }), "");
+
+        EXPECT_EQ(fs::status(root / "data").permissions(), fs::perms(0775));
+        EXPECT_EQ(fs::status(root / "bin/tool").permissions(), fs::perms(0755));
+        EXPECT_EQ(fs::status(root / "data/tool.conf").permissions(), fs::perms(0600));
+        const auto& cms = package.developerCms();
+        const auto index = indexOf(package, "/usr/bin/tool");
+        EXPECT_EQ(attribute(root / "bin/tool", "security.ima"), bytes(cms.fileSignature(index)));
+        EXPECT_EQ(attribute(root / "bin/tool", "user.TA.shdr"),
+                  bytes(cms.trustletSignature(index)));
+        EXPECT_EQ(attribute(root / "bin/tool", "security.appid"), "tool");
+        EXPECT_EQ(TestSupport::attributeNames(root / "data/tool.conf"), std::vector<std::string>{});
+
+        EXPECT_TRUE(fs::equivalent(root / "data/a.dat", root / "data/b.dat"));
+        // The dot-relative target is resolved against the link's own directory, then placed.
+        EXPECT_EQ(fs::read_symlink(root / "bin/tool-library"), linkRoot / "3rdparty/libtool.so.1");
+        EXPECT_EQ(fs::read_symlink(root / "data/settings"), "tool.conf");
+
+        // Links never replace what stands at their place.
+        std::string message;
+        const auto log =
+            captureStderr([&] { message = errorOf([&] { package.extract(root, root); }); });
+        EXPECT_TRUE(message == "couldn't extract symlink" || message == "couldn't extract hardlink")
+            << message;
+        EXPECT_NE(log.find("File exists"), std::string::npos) << log;
+        EXPECT_EQ(log.substr(0, 7), "ERROR: ");
+    });
+}
+
+TEST(Extraction, NamesThatCannotBeDirectoryNamesAreRefused) {
+    const std::string refused[] = {
+        "",          ".",    "..",    "a/b",   "../etc/cron.d", {"nul\0x", 5}, "line\nbreak",
+        "tab\there", "\x7f", " lead", "trail "};
+    for (const auto& name : refused) {
+        SCOPED_TRACE(name);
+        EXPECT_NE(errorOf([&] { Core::Tolva::checkPathComponent(name, "package id"); },
+                          ErrorCode::BadPackage)
+                      .find("package id is not a valid directory name: \""),
+                  std::string::npos);
+    }
+    for (const std::string name : {"harbor-notes", "1.2.3-1", "org.example", "Notes App", "..."})
+        EXPECT_NO_THROW(Core::Tolva::checkPathComponent(name, "package id")) << name;
 }

@@ -15,9 +15,9 @@ TEST(LogEvent, SendsLevelAsPriorityAndIsQuietWithoutAJournal) {
 
         TestSupport::JournalCapture journal;
         for (const auto& [level, priority] : {std::pair{1, "6"}, {2, "4"}, {8, "3"}}) {
-            EXPECT_EQ(log_event(level, 7, "100% sure"), 0);
+            EXPECT_EQ(log_event(level, 7, "100% sure\nb %s"), 0);
             auto entry = journal.receive();
-            EXPECT_EQ(entry["MESSAGE"], "100% sure");
+            EXPECT_EQ(entry["MESSAGE"], "100% sure\nb %s");
             EXPECT_EQ(entry["PRIORITY"], priority);
             EXPECT_EQ(entry["TOLVA_EVENT_CODE"], "7");
             EXPECT_EQ(entry["TOLVA_EVENT_LEVEL"], std::to_string(level));

@@ -1,11 +1,12 @@
-// pkgsig as a user runs it: its help, its reports, its refusals, and its packages under the
-// stock rpm tools in the sandbox.
+// pkgsig as a user runs it, and the package-signature library on the packages it signs: the
+// reports, the refusals, and the stock rpm tools on its packages in the sandbox.
 
-#include "platform/package_signatures/certificate.hpp"
+#include "platform/package_signatures/file_with_cmses.hpp"
+#include "platform/package_signatures/package_layout.hpp"
 #include "tests/support/file_checks.hpp"
+#include "tests/support/rpm_fixtures.hpp"
 #include "tests/support/sandboxed_test.hpp"
-#include "tests/support/test_pki.hpp"
-#include "tests/tools/pkgsig/test_packages.hpp"
+#include "tests/support/signed_packages.hpp"
 
 #include <gtest/gtest.h>
 #include <set>
@@ -14,9 +15,60 @@ namespace {
 
 namespace fs = std::filesystem;
 namespace PS = PackageSignatures;
-using PkgsigTest::pkgsig;
-using PkgsigTest::Scratch;
+using TestSupport::FixtureFile;
+using TestSupport::pkgsig;
+using TestSupport::readFile;
+using TestSupport::Scratch;
 using TestSupport::TestPki;
+
+// "hello" (gzip payload), file list in header order:
+//   0 /etc/hello-hook        %config, executable       signed
+//   1 /etc/hello.conf        %config                   signed only with %_ima_sign_config_files
+//   2 /etc/hello.state       %ghost                    never (no content)
+//   3 /usr/bin/hello         executable                signed
+//   4 /usr/bin/hi            symbolic link             never
+//   5 /usr/share/applications/hello.desktop            signed
+//   6 /usr/share/hello       directory                 never
+//   7 /usr/share/hello/data-link.txt   hard link to 8  signed
+//   8 /usr/share/hello/data.txt                        signed
+// "tiny": one file /usr/share/tiny/readme, a zstd payload.
+TestSupport::FixturePackage hello() {
+    FixtureFile hook = TestSupport::file("/etc/hello-hook", "#!/bin/sh\n", 0755);
+    hook.config = true;
+    FixtureFile conf = TestSupport::file("/etc/hello.conf", "conf\n");
+    conf.config = true;
+    return {"hello",
+            "1.0",
+            "1",
+            {},
+            {},
+            {TestSupport::file("/usr/bin/hello", "#!/bin/sh\necho hello\n", 0755),
+             TestSupport::symlink("/usr/bin/hi", "hello"),
+             TestSupport::directory("/usr/share/hello"),
+             TestSupport::file("/usr/share/hello/data.txt", "data\n"),
+             TestSupport::hardlink("/usr/share/hello/data-link.txt", "/usr/share/hello/data.txt"),
+             conf, hook, TestSupport::ghost("/etc/hello.state"),
+             TestSupport::file("/usr/share/applications/hello.desktop",
+                               "[Desktop Entry]\nName=Hello\n[X-Tolva-Application]\n"
+                               "OrganizationName=org.example\nApplicationName=Hello\n")}};
+}
+
+TestSupport::FixturePackage tiny() {
+    return {"tiny", "2.0",       "3",
+            {},     "w3.zstdio", {TestSupport::file("/usr/share/tiny/readme", "tiny\n")}};
+}
+
+// The built package "hello" or "tiny" of this build tree; keep it unchanged.
+fs::path builtPackage(const std::string& name) {
+    return TestSupport::buildPackage(name == "hello" ? hello() : tiny());
+}
+
+// A fresh copy of the package `name` at `path`.
+fs::path copyOfPackage(const std::string& name, const fs::path& path) {
+    fs::create_directories(path.parent_path());
+    fs::copy_file(builtPackage(name), path, fs::copy_options::overwrite_existing);
+    return path;
+}
 
 std::string path(const std::string& name, bool key = false) {
     const auto& pki = TestPki::shared();
@@ -29,28 +81,17 @@ std::string keyId(const std::string& name) {
 
 std::vector<std::string> signArguments(const fs::path& package, const std::string& developer,
                                        const std::string& client = "") {
-    std::vector<std::string> arguments = {"sign",
-                                          package.string(),
-                                          "--developer-key",
-                                          path(developer, true),
-                                          "--developer-cert",
-                                          path(developer)};
+    std::vector<std::string> arguments = {"sign", package.string(), "--developer-key"};
+    arguments.insert(arguments.end(), {path(developer, true), "--developer-cert", path(developer)});
     if (!client.empty())
         arguments.insert(arguments.end(),
                          {"--client-key=" + path(client, true), "--client-cert=" + path(client)});
     return arguments;
 }
 
-std::set<std::string> namesIn(const fs::path& directory) {
-    std::set<std::string> names;
-    for (const auto& entry : fs::directory_iterator(directory))
-        names.insert(entry.path().filename().string());
-    return names;
-}
-
 TEST(PkgsigCommand, SignShowVerifyAndImportPackagesThatStockRpmInstalls) {
     Scratch scratch;
-    const auto hello = PkgsigTest::copyOfPackage("hello", scratch / "hello.rpm");
+    const auto hello = copyOfPackage("hello", scratch / "hello.rpm");
     auto arguments = signArguments(hello, "developer", "client");
     arguments.insert(arguments.end(), {"--signing-time", "1590969600"});
     const auto signing = pkgsig(arguments);
@@ -61,24 +102,29 @@ TEST(PkgsigCommand, SignShowVerifyAndImportPackagesThatStockRpmInstalls) {
                                developer + ", client " + client + ", 5 file signatures\n");
 
     const auto shown = pkgsig({"show", hello.string()}).out;
-    for (const std::string& lines : std::vector<std::string>{
-             "package: hello-1.0-1.noarch\nsignatures: 2\nsignature 1: developer\n  key id: " +
-                 keyId("developer") + "\n  subject: " + developer +
-                 "\n  subgroup: regular\n  system developer: no\n"
-                 "  signing time: 2020-06-01T00:00:00Z\n  file signatures: 5\n"
-                 "    0 /etc/hello-hook\n    3 /usr/bin/hello\n"
-                 "    5 /usr/share/applications/hello.desktop\n"
-                 "    7 /usr/share/hello/data-link.txt\n    8 /usr/share/hello/data.txt\n"
-                 "signature 2: client\n  key id: " +
-                 keyId("client") + "\n",
-             "  subgroup: unknown\n", "  file signatures: 0\n"})
-        EXPECT_NE(shown.find(lines), std::string::npos) << lines << "\nin:\n" << shown;
+    const std::string lines =
+        "package: hello-1.0-1.noarch\nsignatures: 2\nsignature 1: developer\n  key id: " +
+        keyId("developer") + "\n  subject: " + developer +
+        "\n  subgroup: regular\n  system developer: no\n"
+        "  signing time: 2020-06-01T00:00:00Z\n  file signatures: 5\n"
+        "    0 /etc/hello-hook\n    3 /usr/bin/hello\n    5 /usr/share/applications/hello.desktop\n"
+        "    7 /usr/share/hello/data-link.txt\n    8 /usr/share/hello/data.txt\n"
+        "signature 2: client\n  key id: " +
+        keyId("client") + "\n";
+    EXPECT_TRUE(shown.starts_with(lines)) << shown;
     const auto verified = pkgsig({"verify", hello.string(), "--ca", path("ca")});
     EXPECT_EQ(verified.out, hello.string() + ": signatures verified (developer " + developer +
                                 ", client " + client + "; 5 file signatures)\n");
 
-    const auto tiny = PkgsigTest::copyOfPackage("tiny-xz", scratch / "tiny.rpm");
-    ASSERT_EQ(pkgsig(signArguments(tiny, "developer-system")).status, 0);
+    // Signed into a new file, which takes the original's mode; the original stays as it was.
+    const auto original = copyOfPackage("tiny", scratch / "tiny.rpm");
+    fs::permissions(original, fs::perms(0600));
+    const fs::path tiny = scratch / "signed-tiny.rpm";
+    TestSupport::signPackage(original, "developer-system", "", {"--output", tiny.string()});
+    EXPECT_EQ(readFile(original), readFile(builtPackage("tiny")));
+    EXPECT_EQ(fs::status(tiny).permissions(), fs::perms(0600));
+    EXPECT_EQ(TestSupport::entries(scratch.path()),
+              (std::set<std::string>{"hello.rpm", "signed-tiny.rpm", "tiny.rpm"}));
     SANDBOXED([&] {
         for (const auto& package : {hello, tiny})
             EXPECT_EQ(TestSupport::runProgram({"rpm", "-K", package.string()}).out,
@@ -86,14 +132,14 @@ TEST(PkgsigCommand, SignShowVerifyAndImportPackagesThatStockRpmInstalls) {
         const auto installed = TestSupport::runProgram(
             {"rpm", "-i", "--nodeps", "--force-debian", hello.string(), tiny.string()});
         EXPECT_EQ(installed.status, 0) << installed.err;
-        EXPECT_EQ(TestSupport::readFile("/usr/share/hello/data-link.txt"), "data\n");
+        EXPECT_EQ(readFile("/usr/share/hello/data-link.txt"), "data\n");
 
         // Into the device's database, by default.
         for (const auto& package : {tiny, hello})
             EXPECT_EQ(pkgsig({"import", package.string(), "--ca", path("ca")}).status, 0);
         const std::string helloLine =
             "hello developer " + keyId("developer") + " regular " + developer + "\n";
-        const std::string tinyLine = "tiny-xz developer " + keyId("developer-system") +
+        const std::string tinyLine = "tiny developer " + keyId("developer-system") +
                                      " system CN=System Developer,O=Example Apps,C=FI\n";
         EXPECT_EQ(pkgsig({"list"}).out, helloLine + "hello client " + keyId("client") +
                                             " unknown " + client + "\n" + tinyLine);
@@ -114,14 +160,14 @@ TEST(PkgsigCommand, HelpWhereverAskedAndBadInputGetsOneLineAndChangesNothing) {
     EXPECT_EQ(pkgsig({"verify", "x.rpm", "-h"}).out, help.out);
 
     Scratch scratch;
-    const auto package = PkgsigTest::copyOfPackage("hello", scratch / "hello.rpm");
-    const auto signedPackage = PkgsigTest::copyOfPackage("tiny-xz", scratch / "signed.rpm");
+    const auto package = copyOfPackage("hello", scratch / "hello.rpm");
+    const auto signedPackage = copyOfPackage("tiny", scratch / "signed.rpm");
     ASSERT_EQ(pkgsig(signArguments(signedPackage, "developer", "client")).status, 0);
     TestSupport::writeFile(scratch / "notes.rpm", "not a package\n");
-    const std::string cut = TestSupport::readFile(package);
+    const std::string cut = readFile(package);
     TestSupport::writeFile(scratch / "cut.rpm", cut.substr(0, cut.size() - 40));
     // Its file signatures hold; its trustlet signatures are of other data.
-    const auto tampered = PkgsigTest::copyOfPackage("hello", scratch / "tampered.rpm");
+    const auto tampered = copyOfPackage("hello", scratch / "tampered.rpm");
     const auto developer = TestSupport::pkiIdentity("developer");
     PS::FileSignatures files;
     for (const auto& [index, digest] : Pkgsig::PackageFile(tampered).digestsOfFilesToSign())
@@ -177,9 +223,9 @@ TEST(PkgsigCommand, HelpWhereverAskedAndBadInputGetsOneLineAndChangesNothing) {
          "the trustlet signature of /etc/hello-hook does not hold"},
         {{"list", "--database", hello}, 1, "cannot read the package signature database"},
     };
-    const std::string before = TestSupport::readFile(package);
-    const std::string signedBefore = TestSupport::readFile(signedPackage);
-    const auto namesBefore = namesIn(scratch.path());
+    const std::string before = readFile(package);
+    const std::string signedBefore = readFile(signedPackage);
+    const auto namesBefore = TestSupport::entries(scratch.path());
     for (const auto& [arguments, status, error] : cases) {
         SCOPED_TRACE(testing::PrintToString(arguments));
         const auto result = pkgsig(arguments);
@@ -188,15 +234,15 @@ TEST(PkgsigCommand, HelpWhereverAskedAndBadInputGetsOneLineAndChangesNothing) {
         EXPECT_TRUE(result.err.starts_with("pkgsig: ")) << result.err;
         EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
         EXPECT_NE(result.err.find(error), std::string::npos) << result.err;
-        EXPECT_EQ(TestSupport::readFile(package), before);
-        EXPECT_EQ(TestSupport::readFile(signedPackage), signedBefore);
-        EXPECT_EQ(namesIn(scratch.path()), namesBefore);
+        EXPECT_EQ(readFile(package), before);
+        EXPECT_EQ(readFile(signedPackage), signedBefore);
+        EXPECT_EQ(TestSupport::entries(scratch.path()), namesBefore);
     }
 }
 
 TEST(PkgsigCommand, ConfigFilesAreSignedWhenTheMacroSaysSo) {
     Scratch scratch;
-    const auto package = PkgsigTest::copyOfPackage("hello", scratch / "hello.rpm");
+    const auto package = copyOfPackage("hello", scratch / "hello.rpm");
     TestSupport::writeFile(scratch / "home/.rpmmacros", "%_ima_sign_config_files 1\n");
     auto arguments = signArguments(package, "developer");
     arguments.insert(arguments.begin(), {"env", "HOME=" + (scratch / "home").string(),
@@ -212,19 +258,59 @@ TEST(PkgsigCommand, ConfigFilesAreSignedWhenTheMacroSaysSo) {
     EXPECT_EQ(pkgsig({"verify", package.string(), "--ca", path("ca")}).status, 0);
 }
 
-TEST(PkgsigCommand, OutputGoesToANewFileWithTheModeOfTheOriginal) {
+TEST(SignedPackage, AnyChangedByteFailsAndADamagedSignatureTagIsNoSignature) {
     Scratch scratch;
-    const auto package = PkgsigTest::copyOfPackage("tiny-zstd", scratch / "tiny.rpm");
-    fs::permissions(package, fs::perms(0600));
-    auto arguments = signArguments(package, "developer-rsa");
-    arguments.insert(arguments.end(), {"--output", (scratch / "signed.rpm").string()});
-    const auto signing = pkgsig(arguments);
-    ASSERT_EQ(signing.status, 0) << signing.err;
-    EXPECT_EQ(TestSupport::readFile(package),
-              TestSupport::readFile(PkgsigTest::builtPackage("tiny-zstd")));
-    EXPECT_EQ(fs::status(scratch / "signed.rpm").permissions(), fs::perms(0600));
-    EXPECT_EQ(pkgsig({"verify", (scratch / "signed.rpm").string(), "--ca", path("ca")}).status, 0);
-    EXPECT_EQ(namesIn(scratch.path()), (std::set<std::string>{"signed.rpm", "tiny.rpm"}));
+    const auto original = copyOfPackage("hello", scratch / "signed.rpm");
+    TestSupport::signPackage(original, "developer", "client");
+    const PS::PackageLayout layout = PS::readPackageLayout(original);
+    const std::string bytes = readFile(original);
+    const auto& tag = *layout.signatureTag;
+    const auto tagOffset = bytes.find(std::string(tag.begin(), tag.end()));
+    ASSERT_NE(tagOffset, std::string::npos);
+    const std::size_t second = PS::FileWithCmses::fromPath(original)->cmses()[0].der().size();
+
+    // Within the signed content the signatures still read but no longer hold; within the tag
+    // (the first CMS's outer tag and length, the second one's outer tag) they do not read.
+    const std::tuple<const char*, std::uint64_t, bool> changes[] = {
+        {"main header start", layout.contentOffset + 20, true},
+        {"main header end", layout.payloadOffset - 1, true},
+        {"payload start", layout.payloadOffset, true},
+        {"payload end", layout.fileSize - 1, true},
+        {"outer tag", tagOffset, false},
+        {"length", tagOffset + 1, false},
+        {"second tag", tagOffset + second, false},
+    };
+    for (const auto& [where, offset, readable] : changes) {
+        std::string changed = bytes;
+        changed.at(offset) ^= 0x01;
+        TestSupport::writeFile(scratch / "changed.rpm", changed);
+        const auto file = PS::FileWithCmses::fromPath(scratch / "changed.rpm");
+        EXPECT_EQ(file != nullptr, readable) << where;
+        EXPECT_FALSE(file && file->verifyCmses(path("ca"))) << where;
+    }
+
+    const auto file = PS::FileWithCmses::fromPath(original.string());
+    ASSERT_TRUE(file);
+    EXPECT_TRUE(file->verifyCmses(path("ca")));
+    EXPECT_FALSE(file->verifyCmses(scratch / "no-such-ca.pem"));
+
+    // A developer of the other CA: refused under ours, accepted when both CAs are trusted.
+    const auto foreign = copyOfPackage("hello", scratch / "foreign.rpm");
+    TestSupport::signPackage(foreign, "developer-other-ca", "client");
+    const auto foreignFile = PS::FileWithCmses::fromPath(foreign.string());
+    ASSERT_TRUE(foreignFile);
+    EXPECT_FALSE(foreignFile->verifyCmses(path("ca")));
+    TestSupport::writeFile(scratch / "both-cas.pem", readFile(path("ca")) + readFile(path("ca2")));
+    EXPECT_TRUE(foreignFile->verifyCmses(scratch / "both-cas.pem"));
+
+    // Every signature counts, the client's second one too.
+    const auto elsewhere = copyOfPackage("hello", scratch / "elsewhere.rpm");
+    TestSupport::signWithLibrary(elsewhere,
+                                 {{"developer"}, {"client", {}, "another package's content"}});
+    const auto elsewhereFile = PS::FileWithCmses::fromPath(elsewhere.string());
+    ASSERT_TRUE(elsewhereFile);
+    EXPECT_EQ(elsewhereFile->cmses().size(), 2u);
+    EXPECT_FALSE(elsewhereFile->verifyCmses(path("ca")));
 }
 
 } // namespace
