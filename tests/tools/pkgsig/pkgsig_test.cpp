@@ -10,6 +10,7 @@
 
 #include <gtest/gtest.h>
 #include <set>
+#include <sys/stat.h>
 
 namespace {
 
@@ -175,6 +176,11 @@ TEST(PkgsigCommand, HelpWhereverAskedAndBadInputGetsOneLineAndChangesNothing) {
                         PS::trustletSignature(developer, PS::Bytes(32, 0x5a))};
     TestSupport::signWithLibrary(tampered, {{"developer", files}});
 
+    // A FIFO would be waited on for ever, a link followed elsewhere.
+    const std::string fifo = (scratch / "fifo.rpm").string(), link = (scratch / "ca.pem").string();
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0644), 0);
+    fs::create_symlink(path("ca"), link);
+
     const std::string hello = package.string(), tiny = signedPackage.string();
     const std::string missing = (scratch / "missing.rpm").string();
     const std::string notes = (scratch / "notes.rpm").string();
@@ -222,6 +228,8 @@ TEST(PkgsigCommand, HelpWhereverAskedAndBadInputGetsOneLineAndChangesNothing) {
          1,
          "the trustlet signature of /etc/hello-hook does not hold"},
         {{"list", "--database", hello}, 1, "cannot read the package signature database"},
+        {{"show", fifo}, 1, "not a regular file: " + fifo},
+        {sign(hello, "developer", "developer", {"--ca", link}), 1, "not a regular file: " + link},
     };
     const std::string before = readFile(package);
     const std::string signedBefore = readFile(signedPackage);
