@@ -31,10 +31,6 @@ void Transaction::run() {
     rpmtsRun(set.get(), nullptr, 0);
 }
 
-bool isInstalled(const std::string& name) {
-    return !installedAmong({name}).empty();
-}
-
 std::set<std::string> installedAmong(const std::vector<std::string>& names) {
     std::set<std::string> installed;
     if (names.empty())

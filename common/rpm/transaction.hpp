@@ -35,8 +35,6 @@ private:
     TransactionSetHandle set;
 };
 
-// Whether the RPM database lists a package of this name.
-bool isInstalled(const std::string& name);
 // Those of `names` that the RPM database lists, asked of one open database.
 std::set<std::string> installedAmong(const std::vector<std::string>& names);
 

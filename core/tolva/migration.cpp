@@ -193,8 +193,9 @@ void Database::migrateFromRpm() const {
     const auto prepared = preparePackagesForMigration(transaction);
 
     // A recorded tree that was not prepared again belongs to a package that RPM still has.
+    const auto stillRpms = Common::Rpm::installedAmong(waiting);
     std::erase_if(waiting, [&](const std::string& id) {
-        if (!Common::Rpm::isInstalled(id))
+        if (!stillRpms.contains(id))
             return false;
         const bool preparedAgain =
             std::any_of(prepared.begin(), prepared.end(),
@@ -265,13 +266,17 @@ Database::resumeInterruptedMigration(const std::vector<std::string>& recorded) c
         } catch (const std::exception& error) {
             LogLine(LogLevel::Error) << "couldn't find the prepared files of package " << id;
             LogLine(LogLevel::Error) << error;
+            // A tree that cannot be read today is still the package's only copy.
+            std::error_code ignored;
+            if (fs::exists(fs::symlink_status(tree, ignored)))
+                remaining.push_back(id);
             continue;
         }
         if (!migrate(*prepared))
             remaining.push_back(id);
     }
     if (remaining != recorded)
-        writePreparedRecord(remaining);
+        recordWaiting(remaining);
     return remaining;
 }
 

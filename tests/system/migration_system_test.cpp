@@ -222,6 +222,16 @@ TEST(Migration, APackageThatFailsToInstallWaitsForTheNextStart) {
         EXPECT_EQ(readFile(blocker), "system file");
         EXPECT_TRUE(fs::exists("/opt/app/quiet-clock/current/velmor.pkg"));
 
+        // A waiting tree that cannot be read is still the only copy: kept, never cleared.
+        const fs::path data = "/opt/tolva/tmp/harbor-notes/velmor.pkg";
+        fs::rename(data, "/opt/tolva/velmor.pkg");
+        fs::create_directory(data);
+        EXPECT_EQ(launch().status, 1);
+        EXPECT_EQ(readFile("/opt/tolva/tmp/harbor-notes/bin/harbor-notes"),
+                  "#!/bin/sh\necho notes\n");
+        fs::remove(data);
+        fs::rename("/opt/tolva/velmor.pkg", data);
+
         fs::remove(blocker);
         const auto resumed = launch();
         EXPECT_EQ(resumed.status, 0) << resumed.err;
