@@ -5,6 +5,7 @@
 #include "common/log.hpp"
 #include "core/tolva/path_checks.hpp"
 
+#include <cerrno>
 #include <fcntl.h>
 #include <fstream>
 #include <iomanip>
@@ -67,9 +68,14 @@ bool linkInstalledFile(const fs::path& installed, const struct stat& seen,
                        const fs::path& destination) {
     if (!S_ISREG(seen.st_mode) || seen.st_nlink != 1)
         return false;
-    fs::create_directories(destination.parent_path());
-    if (::link(installed.c_str(), destination.c_str()) != 0)
-        return false;
+    // The directory is made only when it is missing: looking first costs every file.
+    if (::link(installed.c_str(), destination.c_str()) != 0) {
+        if (errno != ENOENT)
+            return false;
+        fs::create_directories(destination.parent_path());
+        if (::link(installed.c_str(), destination.c_str()) != 0)
+            return false;
+    }
     struct stat made {};
     if (::lstat(destination.c_str(), &made) == 0 && sameFile(made, seen) && made.st_nlink == 2)
         return true;

@@ -7,6 +7,8 @@
 #include "core/tolva/path_checks.hpp"
 
 #include <algorithm>
+#include <cerrno>
+#include <unistd.h>
 
 namespace fs = std::filesystem;
 using Common::LogLevel;
@@ -70,9 +72,12 @@ void createMarkedCopy(const fs::path& source, const fs::path& mappingPath) {
 void clearMappingPath(const fs::path& mappingPath, bool aboutToCreate, const PackageNames& package,
                       const fs::path& packageDirectory) {
     std::error_code error;
-    const bool somethingThere = fs::exists(fs::status(mappingPath, error));
-    const bool link = fs::is_symlink(fs::symlink_status(mappingPath, error));
-    if (!somethingThere && !(link && aboutToCreate))
+    const auto status = fs::symlink_status(mappingPath, error);
+    if (!fs::exists(status))
+        return; // the common case, known from one look
+    const bool link = fs::is_symlink(status);
+    const bool somethingThere = !link || fs::exists(fs::status(mappingPath, error));
+    if (!somethingThere && !aboutToCreate)
         return;
     if (classifyListedMapping(mappingPath, package, packageDirectory) != ListedMapping::Mapping)
         fail("attempt to override system file with package mapping: " + mappingPath.string());
@@ -114,7 +119,7 @@ private:
         if (!fs::is_directory(directory))
             return;
         for (const auto& entry : fs::recursive_directory_iterator(directory)) {
-            if (fs::is_directory(entry.status()))
+            if (entry.is_directory()) // the directory listing's own type, unless a link
                 continue;
             const fs::path mappingPath =
                 fs::path(rule.systemPrefix) / entry.path().lexically_relative(directory);
@@ -287,6 +292,12 @@ bool isGeneratedDirectoryOf(const fs::path& directory, const PackageNames& packa
 
 void createMapping(const fs::path& source, const fs::path& mappingPath, MappingKind kind) {
     if (kind == MappingKind::Symlink) {
+        // The directory is made only when it is missing: looking first costs every mapping.
+        if (::symlink(source.c_str(), mappingPath.c_str()) == 0)
+            return;
+        if (errno != ENOENT)
+            throw fs::filesystem_error("cannot create symlink", source, mappingPath,
+                                       std::error_code(errno, std::generic_category()));
         fs::create_directories(mappingPath.parent_path());
         fs::create_symlink(source, mappingPath);
         return;

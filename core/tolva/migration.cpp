@@ -18,6 +18,7 @@
 #include "core/tolva/path_checks.hpp"
 
 #include <algorithm>
+#include <cerrno>
 #include <fstream>
 #include <map>
 #include <sstream>
@@ -113,12 +114,13 @@ private:
     // A file that is gone, before its copy or while it is made, is left out with a warning: it
     // is gone from the RPM package as well.
     void copyFile(const Common::Rpm::FileIterator::Entry& entry) {
-        if (!fs::exists(fs::status(entry.path))) {
+        struct stat installed {};
+        if (!existsFollowed(entry.path, installed)) {
             warnNonExistent(entry.path);
             return;
         }
         try {
-            copyExistingFile(entry);
+            copyExistingFile(entry, installed);
         } catch (const std::exception&) {
             struct stat status {};
             if (::lstat(entry.path.c_str(), &status) == 0 || errno != ENOENT)
@@ -137,9 +139,16 @@ private:
             << "attempt to copy a non-existent file during package migration: " << path;
     }
 
-    void copyExistingFile(const Common::Rpm::FileIterator::Entry& entry) {
-        struct stat installed {};
-        if (::lstat(entry.path.c_str(), &installed) != 0 || !S_ISREG(installed.st_mode))
+    // Whether `path` names something once links are followed; `seen` is what its own name is.
+    static bool existsFollowed(const fs::path& path, struct stat& seen) {
+        if (::lstat(path.c_str(), &seen) != 0)
+            return errno != ENOENT && errno != ENOTDIR;
+        return !S_ISLNK(seen.st_mode) || fs::exists(fs::status(path));
+    }
+
+    void copyExistingFile(const Common::Rpm::FileIterator::Entry& entry,
+                          const struct stat& installed) {
+        if (!S_ISREG(installed.st_mode))
             throw Error(ErrorCode::BadPackage,
                         "installed package file is not a regular file: " + entry.path.string());
         const fs::path placed = package.placedPath(entry.path);
