@@ -138,8 +138,8 @@ const std::string& sandboxUnavailableReason() {
     return reason;
 }
 
-fs::path makeSandboxScratch() {
-    std::string pattern = (fs::temp_directory_path() / "tolva-sandbox.XXXXXX").string();
+fs::path makeSandboxScratch(const fs::path& parent) {
+    std::string pattern = (parent / "tolva-sandbox.XXXXXX").string();
     if (!::mkdtemp(pattern.data()))
         fail("mkdtemp");
     return pattern;

@@ -23,7 +23,8 @@ void enterSandbox(const std::filesystem::path& scratch);
 bool insideSandbox();
 
 // A new scratch directory on the host for one sandbox.
-std::filesystem::path makeSandboxScratch();
+std::filesystem::path makeSandboxScratch(
+    const std::filesystem::path& parent = std::filesystem::temp_directory_path());
 
 struct ProcessResult {
     bool exited = false; // ended by exit() rather than a signal
