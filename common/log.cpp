@@ -18,11 +18,17 @@ const char* prefixOf(LogLevel level) {
     return "";
 }
 
+thread_local std::ostream* capture = nullptr;
+
 } // namespace
+
+std::ostream& LogLine::destination() {
+    return capture ? *capture : std::cerr;
+}
 
 void LogLine::writePrefix() {
     if (prefixPending) {
-        std::cerr << prefixOf(level);
+        destination() << prefixOf(level);
         prefixPending = false;
     }
 }
@@ -30,9 +36,22 @@ void LogLine::writePrefix() {
 LogLine::~LogLine() {
     // A null C string among the pieces leaves the stream failed; the next record must not
     // lose its text because of it.
-    std::cerr.clear();
+    destination().clear();
     if (endWithNewline)
-        std::cerr << '\n';
+        destination() << '\n';
+}
+
+LogCapture::LogCapture(std::string& kept) : kept(kept), outer(capture) {
+    capture = &lines;
+}
+
+LogCapture::~LogCapture() {
+    capture = outer;
+    kept += lines.str();
+}
+
+void writeCapturedLines(const std::string& lines) {
+    (capture ? *capture : std::cerr) << lines;
 }
 
 void log(LogLevel level, const std::string& text) {

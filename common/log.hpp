@@ -27,18 +27,37 @@ public:
     template <typename T>
     requires(!std::is_base_of_v<std::exception, T>) LogLine& operator<<(const T& piece) {
         writePrefix();
-        std::cerr << piece;
+        destination() << piece;
         return *this;
     }
     LogLine& operator<<(const std::exception& error) { return *this << error.what(); }
 
 private:
+    static std::ostream& destination();
     void writePrefix();
 
     LogLevel level;
     bool prefixPending = true;
     bool endWithNewline = true;
 };
+
+// While it lives, the lines of its thread are kept instead of written, and then appended to
+// `kept`: work done on several threads can still tell its story in the order of the work.
+class LogCapture {
+public:
+    explicit LogCapture(std::string& kept);
+    LogCapture(const LogCapture&) = delete;
+    LogCapture& operator=(const LogCapture&) = delete;
+    ~LogCapture();
+
+private:
+    std::string& kept;
+    std::ostringstream lines;
+    std::ostream* outer;
+};
+
+// Writes lines that a capture kept.
+void writeCapturedLines(const std::string& lines);
 
 // The shorthand for a line of one text.
 void log(LogLevel level, const std::string& text);

@@ -58,4 +58,8 @@ HeaderHandle borrowHeader(Header raw) {
     return {raw, [](Header) {}};
 }
 
+HeaderHandle keepHeader(const HeaderHandle& header) {
+    return ownHeader(headerLink(header.get()));
+}
+
 } // namespace Common::Rpm

@@ -30,5 +30,7 @@ VersionHandle ownVersion(rpmver raw);
 
 // A header lent by someone else (the installed-package database): never released by us.
 HeaderHandle borrowHeader(Header raw);
+// A reference of our own to a header, kept however long its lender keeps it.
+HeaderHandle keepHeader(const HeaderHandle& header);
 
 } // namespace Common::Rpm

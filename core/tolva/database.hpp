@@ -8,6 +8,7 @@
 #include "platform/package_signatures/database.hpp"
 
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -127,10 +128,10 @@ private:
     std::vector<std::string>
     resumeInterruptedMigration(const std::vector<std::string>& recorded) const;
     void cleanUpTemporaryDirectory(const std::vector<std::string>& keep) const;
-    std::optional<PreparedPackage>
+    std::function<std::optional<PreparedPackage>()>
     prepareInstalledPackage(const Common::Rpm::Reader& reader,
                             const PackageSignatures::Database& signatures,
-                            const std::vector<PreparedPackage>& prepared) const;
+                            const std::vector<std::string>& prepared) const;
     bool migrate(const PreparedPackage& prepared) const;
 
     std::filesystem::path root;

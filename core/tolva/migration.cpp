@@ -19,10 +19,16 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <deque>
+#include <exception>
 #include <fstream>
+#include <functional>
+#include <future>
 #include <map>
 #include <sstream>
 #include <sys/stat.h>
+#include <system_error>
+#include <thread>
 
 namespace fs = std::filesystem;
 
@@ -306,47 +312,149 @@ void Database::cleanUpTemporaryDirectory(const std::vector<std::string>& keep) c
     }
 }
 
+namespace {
+
+// A package being prepared: what RPM told of it, and the rest of its preparation (its tree),
+// which needs nothing from RPM and goes on on a thread of its own while RPM is read for the
+// next packages. Its log lines wait with it, so that they come out in the order of the
+// packages, as one thread would have written them.
+struct Preparation {
+    struct Rest {
+        std::optional<PreparedPackage> package;
+        std::exception_ptr error;
+        std::string log;
+    };
+
+    std::string id;
+    Common::Rpm::HeaderHandle header; // kept beyond the walk over the installed packages
+    std::string log;
+    std::future<Rest> rest;
+};
+
+// Trees made at once: their making is the file system's work, which takes several at a time.
+std::size_t preparationsAtOnce() {
+    return std::clamp<std::size_t>(std::thread::hardware_concurrency(), 1, 8);
+}
+
+std::future<Preparation::Rest> startRest(std::function<std::optional<PreparedPackage>()> work,
+                                         std::launch policy) {
+    auto task = [work = std::move(work)] {
+        Preparation::Rest rest;
+        {
+            const Common::LogCapture capture(rest.log);
+            try {
+                rest.package = work();
+            } catch (...) {
+                rest.error = std::current_exception();
+            }
+        }
+        return rest;
+    };
+    if (policy == std::launch::async) {
+        try {
+            return std::async(std::launch::async, task);
+        } catch (const std::system_error&) {
+            // no thread to be had: the work waits for its turn instead
+        }
+    }
+    return std::async(std::launch::deferred, task);
+}
+
+} // namespace
+
 std::vector<PreparedPackage>
 Database::preparePackagesForMigration(Common::Rpm::Transaction& transaction) const {
     const PackageSignatures::Database signatures(PackageSignatures::Database::defaultPath);
+    const std::size_t atOnce = preparationsAtOnce();
     std::vector<PreparedPackage> prepared;
-    Common::Rpm::InstalledPackageIterator().forEach([&](const Common::Rpm::Reader& reader) {
+    std::vector<std::string> ids; // prepared or being prepared
+    std::deque<Preparation> pending;
+
+    const auto finishFirst = [&] {
+        Preparation& first = pending.front();
+        Common::writeCapturedLines(first.log);
+        auto rest = first.rest.get();
+        Common::writeCapturedLines(rest.log);
         try {
-            auto package = prepareInstalledPackage(reader, signatures, prepared);
-            if (!package)
-                return IterationResult::Continue;
-            try {
-                transaction.addEraseElement(reader.header());
-            } catch (...) {
-                removeQuietly(package->tree);
-                throw;
+            if (rest.error)
+                std::rethrow_exception(rest.error);
+            if (rest.package) {
+                try {
+                    transaction.addEraseElement(first.header);
+                } catch (...) {
+                    removeQuietly(rest.package->tree);
+                    throw;
+                }
+                prepared.push_back(std::move(*rest.package));
             }
-            prepared.push_back(std::move(*package));
         } catch (const std::exception& error) {
+            std::erase(ids, first.id);
             logPackageInformationFailure(error);
         }
+        pending.pop_front();
+    };
+
+    Common::Rpm::InstalledPackageIterator().forEach([&](const Common::Rpm::Reader& reader) {
+        Preparation preparation;
+        std::function<std::optional<PreparedPackage>()> rest;
+        std::exception_ptr failed;
+        try {
+            preparation.id = reader.stringTag(RPMTAG_NAME);
+        } catch (...) {
+            failed = std::current_exception();
+        }
+        // A second package of the same name is judged once the first one's fate is known.
+        if (contains(ids, preparation.id))
+            while (!pending.empty())
+                finishFirst();
+        if (!failed) {
+            const Common::LogCapture capture(preparation.log);
+            try {
+                rest = prepareInstalledPackage(reader, signatures, ids);
+            } catch (...) {
+                failed = std::current_exception();
+            }
+        }
+        auto policy = std::launch::deferred;
+        if (failed) {
+            rest = [failed]() -> std::optional<PreparedPackage> { std::rethrow_exception(failed); };
+        } else if (rest) {
+            ids.push_back(preparation.id);
+            preparation.header = Common::Rpm::keepHeader(reader.header());
+            policy = atOnce > 1 ? std::launch::async : std::launch::deferred;
+        } else if (preparation.log.empty()) {
+            return IterationResult::Continue; // not an application to migrate
+        } else {
+            rest = [] { return std::optional<PreparedPackage>(); };
+        }
+        if (pending.size() >= atOnce)
+            finishFirst();
+        preparation.rest = startRest(std::move(rest), policy);
+        pending.push_back(std::move(preparation));
         return IterationResult::Continue;
     });
+    while (!pending.empty())
+        finishFirst();
     return prepared;
 }
 
-// One installed package: nothing when it does not qualify, its prepared copy when it does.
-std::optional<PreparedPackage>
+// One installed package: nothing when it does not qualify; when it does, the rest of its
+// preparation, which gives its prepared copy and asks nothing more of RPM.
+std::function<std::optional<PreparedPackage>()>
 Database::prepareInstalledPackage(const Common::Rpm::Reader& reader,
                                   const PackageSignatures::Database& signatures,
-                                  const std::vector<PreparedPackage>& prepared) const {
+                                  const std::vector<std::string>& prepared) const {
     const std::string id = reader.stringTag(RPMTAG_NAME);
     const std::string version =
         reader.stringTag(RPMTAG_VERSION) + "-" + reader.stringTag(RPMTAG_RELEASE);
     auto certificate = developerCertificateData(signatures, id);
     if (!certificate)
-        return std::nullopt;
+        return {};
     checkPathComponent(id, "package id");
     checkPathComponent(version, "package version");
     if (id == preparedRecordName)
         throw Error(ErrorCode::BadPackageID, "package id is reserved: " + id);
-    if (std::any_of(prepared.begin(), prepared.end(),
-                    [&](const PreparedPackage& other) { return other.package.id() == id; }))
+    if (contains(prepared, id))
         throw Error(ErrorCode::BadPackageID, "package " + id + " is installed more than once");
 
     // A tree that an interrupted run prepared for this very version is still a faithful copy,
@@ -355,7 +463,7 @@ Database::prepareInstalledPackage(const Common::Rpm::Reader& reader,
     if (hasPackageData(tree)) {
         auto earlier = preparedFromTree(id, tree, tree);
         if (earlier.package.version() == version)
-            return earlier;
+            return [earlier] { return std::optional(earlier); };
         fs::remove_all(tree);
     }
 
@@ -364,20 +472,23 @@ Database::prepareInstalledPackage(const Common::Rpm::Reader& reader,
         checkPathComponent(*orgName, "organization name");
     if (appName)
         checkPathComponent(*appName, "application name");
-    PreparedPackage package{
-        Package(id, version, fileList(reader), orgName, appName), std::move(*certificate), {}};
-    package.tree = copyPackageFilesToTempDirectory(package.package);
-    try {
-        writeGeneratedDirectoryList(package.package, package.tree, ListFlush::ByCaller);
-        writePackageDataFile(package.package, package.certificate, package.tree);
-    } catch (...) {
-        removeQuietly(package.tree);
-        throw;
-    }
-    // The file list has served (the tree and its lists are made); every package keeping its
-    // own until the end of the run would make the run's memory grow by a list per package.
-    package.package = Package(id, version, {}, orgName, appName);
-    return package;
+    auto package = std::make_shared<PreparedPackage>(PreparedPackage{
+        Package(id, version, fileList(reader), orgName, appName), std::move(*certificate), {}});
+    return [this, package, orgName, appName]() -> std::optional<PreparedPackage> {
+        package->tree = copyPackageFilesToTempDirectory(package->package);
+        try {
+            writeGeneratedDirectoryList(package->package, package->tree, ListFlush::ByCaller);
+            writePackageDataFile(package->package, package->certificate, package->tree);
+        } catch (...) {
+            removeQuietly(package->tree);
+            throw;
+        }
+        // The file list has served (the tree and its lists are made); every package keeping
+        // its own until the end of the run would make its memory grow by a list per package.
+        const Package& made = package->package;
+        package->package = Package(made.id(), made.version(), {}, orgName, appName);
+        return std::move(*package);
+    };
 }
 
 fs::path Database::copyPackageFilesToTempDirectory(const Package& package) const {

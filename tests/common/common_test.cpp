@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <functional>
 #include <gtest/gtest.h>
+#include <thread>
 
 namespace fs = std::filesystem;
 using Common::copyFileWithExtendedAttributes;
@@ -90,4 +91,20 @@ TEST(LogLine, ANullCStringFailsTheStreamForItsOwnRecordOnly) {
                   Common::logError("next");
               }),
               "INFO: \nERROR: next\n");
+}
+
+// Work done on several threads tells its story in the order of the work, not of the threads.
+TEST(LogCapture, KeepsItsOwnThreadsLinesUntilTheyAreWritten) {
+    std::string kept;
+    const auto written = captureStderr([&] {
+        {
+            const Common::LogCapture capture(kept);
+            Common::logWarning("kept");
+            std::thread([] { Common::logInfo("another thread's"); }).join();
+        }
+        Common::logError("after");
+        Common::writeCapturedLines(kept);
+    });
+    EXPECT_EQ(kept, "WARN: kept\n");
+    EXPECT_EQ(written, "INFO: another thread's\nERROR: after\nWARN: kept\n");
 }

@@ -28,15 +28,18 @@ static const char* countFile = NULL;
 static const char* vanish = NULL;
 
 static void vanishBefore(const char* path) {
-    if (!vanish || !path || strcmp(path, vanish) != 0)
+    const char* target = __atomic_load_n(&vanish, __ATOMIC_ACQUIRE);
+    if (!target || !path || strcmp(path, target) != 0)
         return;
+    if (!__atomic_exchange_n(&vanish, NULL, __ATOMIC_ACQ_REL))
+        return; /* another thread's call took it */
     int (*realUnlink)(const char*) = dlsym(RTLD_NEXT, "unlink");
-    realUnlink(vanish);
-    vanish = NULL;
+    realUnlink(target);
 }
 
+/* The program may make calls on several threads at once: each call gets a number of its own. */
 static void step(void) {
-    if (++calls == crashAt)
+    if (__atomic_add_fetch(&calls, 1, __ATOMIC_RELAXED) == crashAt)
         kill(getpid(), SIGKILL);
 }
 
