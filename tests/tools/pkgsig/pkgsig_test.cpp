@@ -80,20 +80,26 @@ std::string keyId(const std::string& name) {
     return TestSupport::pkiCertificate(name).keyId();
 }
 
-std::vector<std::string> signArguments(const fs::path& package, const std::string& developer,
-                                       const std::string& client = "") {
-    std::vector<std::string> arguments = {"sign", package.string(), "--developer-key"};
-    arguments.insert(arguments.end(), {path(developer, true), "--developer-cert", path(developer)});
-    if (!client.empty())
-        arguments.insert(arguments.end(),
-                         {"--client-key=" + path(client, true), "--client-cert=" + path(client)});
+// "pkgsig sign" with the key of `key`, the certificate of `cert` (by default the key's own) and
+// `more`.
+std::vector<std::string> signArguments(const fs::path& package, const std::string& key,
+                                       const std::vector<std::string>& more = {},
+                                       const std::string& cert = "") {
+    std::vector<std::string> arguments = {
+        "sign",          package.string(),   "--developer-key",
+        path(key, true), "--developer-cert", path(cert.empty() ? key : cert)};
+    arguments.insert(arguments.end(), more.begin(), more.end());
     return arguments;
+}
+
+std::vector<std::string> clientOptions() {
+    return {"--client-key=" + path("client", true), "--client-cert=" + path("client")};
 }
 
 TEST(PkgsigCommand, SignShowVerifyAndImportPackagesThatStockRpmInstalls) {
     Scratch scratch;
     const auto hello = copyOfPackage("hello", scratch / "hello.rpm");
-    auto arguments = signArguments(hello, "developer", "client");
+    auto arguments = signArguments(hello, "developer", clientOptions());
     arguments.insert(arguments.end(), {"--signing-time", "1590969600"});
     const auto signing = pkgsig(arguments);
     ASSERT_EQ(signing.status, 0) << signing.err;
@@ -163,7 +169,7 @@ TEST(PkgsigCommand, HelpWhereverAskedAndBadInputGetsOneLineAndChangesNothing) {
     Scratch scratch;
     const auto package = copyOfPackage("hello", scratch / "hello.rpm");
     const auto signedPackage = copyOfPackage("tiny", scratch / "signed.rpm");
-    ASSERT_EQ(pkgsig(signArguments(signedPackage, "developer", "client")).status, 0);
+    ASSERT_EQ(pkgsig(signArguments(signedPackage, "developer", clientOptions())).status, 0);
     TestSupport::writeFile(scratch / "notes.rpm", "not a package\n");
     const std::string cut = readFile(package);
     TestSupport::writeFile(scratch / "cut.rpm", cut.substr(0, cut.size() - 40));
@@ -184,13 +190,6 @@ TEST(PkgsigCommand, HelpWhereverAskedAndBadInputGetsOneLineAndChangesNothing) {
     const std::string hello = package.string(), tiny = signedPackage.string();
     const std::string missing = (scratch / "missing.rpm").string();
     const std::string notes = (scratch / "notes.rpm").string();
-    auto sign = [&](const std::string& target, const std::string& key, const std::string& cert,
-                    const std::vector<std::string>& more = {}) {
-        std::vector<std::string> arguments = {
-            "sign", target, "--developer-key", path(key, true), "--developer-cert", path(cert)};
-        arguments.insert(arguments.end(), more.begin(), more.end());
-        return arguments;
-    };
     const std::tuple<std::vector<std::string>, int, std::string> cases[] = {
         {{}, 2, "no command given"},
         {{"frobnicate"}, 2, "unknown command \"frobnicate\""},
@@ -201,26 +200,25 @@ TEST(PkgsigCommand, HelpWhereverAskedAndBadInputGetsOneLineAndChangesNothing) {
         {{"sign", hello, "--developer-key", path("developer", true)},
          2,
          "sign needs --developer-cert"},
-        {sign(hello, "developer", "developer", {"--database", "x"}), 2,
+        {signArguments(hello, "developer", {"--database", "x"}), 2,
          "sign takes no option --database"},
-        {sign(hello, "developer", "developer", {"--signing-time", "yesterday"}), 2,
+        {signArguments(hello, "developer", {"--signing-time", "yesterday"}), 2,
          "--signing-time takes seconds since 1970, not \"yesterday\""},
-        {sign(missing, "developer", "developer"), 1, "cannot open " + missing},
-        {sign(notes, "developer", "developer"), 1, "is not an RPM package file: no RPM lead"},
-        {sign((scratch / "cut.rpm").string(), "developer", "developer"), 1,
+        {signArguments(missing, "developer"), 1, "cannot open " + missing},
+        {signArguments(notes, "developer"), 1, "is not an RPM package file: no RPM lead"},
+        {signArguments((scratch / "cut.rpm").string(), "developer"), 1,
          "the payload of " + (scratch / "cut.rpm").string()},
-        {sign(hello, "client", "developer"), 1,
+        {signArguments(hello, "client", {}, "developer"), 1,
          "the key " + path("client", true) + " does not belong to the certificate " +
              path("developer")},
-        {sign(hello, "client", "client"), 1,
+        {signArguments(hello, "client"), 1,
          path("client") + " is not a developer signing certificate"},
-        {sign(hello, "developer-expired", "developer-expired"), 1,
-         "is not valid at the signing time"},
-        {sign(hello, "developer", "developer", {"--ca", path("ca2")}), 1,
+        {signArguments(hello, "developer-expired"), 1, "is not valid at the signing time"},
+        {signArguments(hello, "developer", {"--ca", path("ca2")}), 1,
          "the new signature does not verify against " + path("ca2")},
-        {sign(hello, "developer", "developer", {"--client-key", path("client", true)}), 1,
+        {signArguments(hello, "developer", {"--client-key", path("client", true)}), 1,
          "a client signature needs both --client-key and --client-cert"},
-        {sign(hello, "developer", "developer", {"--output", scratch.path() / "no/dir/out.rpm"}), 1,
+        {signArguments(hello, "developer", {"--output", scratch.path() / "no/dir/out.rpm"}), 1,
          "cannot create a temporary file next to"},
         {{"verify", hello, "--ca", path("ca")}, 1, "carries no package signatures"},
         {{"verify", tiny, "--ca", path("ca2")}, 1, "does not hold"},
@@ -229,7 +227,7 @@ TEST(PkgsigCommand, HelpWhereverAskedAndBadInputGetsOneLineAndChangesNothing) {
          "the trustlet signature of /etc/hello-hook does not hold"},
         {{"list", "--database", hello}, 1, "cannot read the package signature database"},
         {{"show", fifo}, 1, "not a regular file: " + fifo},
-        {sign(hello, "developer", "developer", {"--ca", link}), 1, "not a regular file: " + link},
+        {signArguments(hello, "developer", {"--ca", link}), 1, "not a regular file: " + link},
     };
     const std::string before = readFile(package);
     const std::string signedBefore = readFile(signedPackage);
