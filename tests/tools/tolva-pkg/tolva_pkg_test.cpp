@@ -59,16 +59,45 @@ TestSupport::Snapshot snapshot() {
 
 } // namespace
 
-TEST(TolvaPkg, UpgradesAndRemovesAMigratedPackageThenInstallsItAgain) {
+// A user's refusals change nothing; the upgrade, removal and fresh install that follow do what
+// they say.
+TEST(TolvaPkg, OnAMigratedDeviceRefusesThenUpgradesRemovesAndInstallsAgain) {
     TestSupport::Scratch scratch;
     const auto apps = TestSupport::buildSampleApps(scratch.path());
     const auto upgrade = TestSupport::buildHarborNotesUpgrade(scratch.path());
+    const fs::path foreign = scratch / "foreign.rpm";
+    fs::copy_file(upgrade.file, foreign);
+    TestSupport::signPackage(foreign, "developer-other-ca", "client");
     SANDBOXED([&] {
         TestSupport::installSampleDevice(apps);
         fs::create_directories("/var/lib/tolva");
         const auto migration = runProgram({TOLVA_MIGRATE});
         ASSERT_EQ(migration.status, 0) << migration.err;
         writeFile("/usr/share/icons/hicolor/128x128/apps/system.png", "a system icon");
+        const auto refuse = [](const TestSupport::ProcessResult& result,
+                               const std::string& reason) {
+            EXPECT_EQ(result.status, 1);
+            EXPECT_TRUE(result.err.ends_with("\ntolva-pkg: " + reason + "\n") ||
+                        result.err == "tolva-pkg: " + reason + "\n")
+                << result.err;
+            EXPECT_EQ(result.out, "");
+        };
+
+        // The upgrade's new mapping meets a system file: the installed version stays installed
+        // and mapped.
+        writeFile("/usr/bin/harbor-notes-sync", "a system command");
+        auto before = snapshot();
+        refuse(tolvaPkg({"install", foreign}), "package is signed with a non-legal key");
+        refuse(tolvaPkg({"install", apps[2].file}),
+               "package platform-settings is signed by a system developer");
+        refuse(tolvaPkg({"install", apps[0].file}),
+               "package harbor-notes 1.2.3-1 is installed already");
+        refuse(tolvaPkg({"remove", "nothing-such"}),
+               "couldn't find package directory: nothing-such");
+        refuse(asNobody({"install", upgrade.file}), "must be run as root");
+        refuse(tolvaPkg({"install", upgrade.file}), "couldn't create mappings");
+        EXPECT_EQ(changes(before, snapshot()), "");
+        fs::remove("/usr/bin/harbor-notes-sync");
 
         const auto firstMappings = lines(readFile(notes / "1.2.3-1/symlink.list"));
         EXPECT_EQ(succeed({"install", upgrade.file}),
@@ -86,6 +115,10 @@ TEST(TolvaPkg, UpgradesAndRemovesAMigratedPackageThenInstallsItAgain) {
         const std::string client = keyId("client") + " " + TestSupport::TestPki::clientSubject;
         EXPECT_EQ(succeed({"list"}), "harbor-notes 1.3.0-1 org.harbor/Notes " + client +
                                          "\nquiet-clock 0.9-2 - .no.source.apps\n");
+        before = snapshot();
+        refuse(tolvaPkg({"install", apps[0].file}),
+               "attempt to downgrade package from 1.3.0-1 to 1.2.3-1 version");
+        EXPECT_EQ(changes(before, snapshot()), "");
 
         EXPECT_EQ(succeed({"remove", "harbor-notes"}), "removed harbor-notes\n");
         EXPECT_FALSE(present(notes));
@@ -95,14 +128,18 @@ TEST(TolvaPkg, UpgradesAndRemovesAMigratedPackageThenInstallsItAgain) {
                                       "/usr/share/harbor-notes"})
             EXPECT_FALSE(present(generated)) << generated;
         EXPECT_EQ(readFile("/usr/share/icons/hicolor/128x128/apps/system.png"), "a system icon");
-        EXPECT_EQ(readFile("/usr/bin/quiet-clock"), "#!/bin/sh\necho tick\n");
         EXPECT_EQ(sql("select id from packages;"), "quiet-clock\n");
         const auto verify = runProgram({"rpm", "-V", "loose-tool", "platform-settings"});
         EXPECT_EQ(verify.status, 0) << verify.out;
 
-        // A fresh install from the signed file: its hard-link set, unpacked in the temporary
-        // directory, is still one file.
+        // Fresh installs from the signed files, each bound to its client's source or to none:
+        // the hard-link set, unpacked in the temporary directory, is still one file.
+        succeed({"remove", "quiet-clock"});
         EXPECT_EQ(succeed({"install", apps[0].file}), "installed harbor-notes 1.2.3-1\n");
+        succeed({"install", apps[1].file});
+        EXPECT_EQ(sql("select id, source_keyid from packages order by id;"),
+                  "harbor-notes|" + keyId("client") + "\nquiet-clock|.no.source.apps\n");
+        EXPECT_EQ(readFile("/usr/bin/quiet-clock"), "#!/bin/sh\necho tick\n");
         const fs::path version = notes / "1.2.3-1";
         EXPECT_EQ(fs::read_symlink(notes / "current"), version);
         EXPECT_TRUE(
@@ -113,60 +150,7 @@ TEST(TolvaPkg, UpgradesAndRemovesAMigratedPackageThenInstallsItAgain) {
                                                     "[certificate]\nid=" +
                                                         keyId("developer") +
                                                         "\nsubgroup=regular\n");
-        EXPECT_EQ(readFile(version / "generated.dir.list"),
-                  "/usr/lib/3rdparty/harbor-notes\n/usr/libexec/harbor-notes\n"
-                  "/usr/share/harbor-notes\n/usr/share/harbor-notes/data\n");
         EXPECT_EQ(lines(readFile(version / "symlink.list")), firstMappings);
         EXPECT_EQ(readFile("/usr/share/harbor-notes/helper"), "#!/bin/sh\necho sync\n");
-    });
-}
-
-TEST(TolvaPkg, RefusalsChangeNothing) {
-    TestSupport::Scratch scratch;
-    const auto apps = TestSupport::buildSampleApps(scratch.path());
-    const auto upgrade = TestSupport::buildHarborNotesUpgrade(scratch.path());
-    const fs::path foreign = scratch / "foreign.rpm";
-    fs::copy_file(upgrade.file, foreign);
-    TestSupport::signPackage(foreign, "developer-other-ca", "client");
-    SANDBOXED([&] {
-        TestSupport::trustTestCa();
-        succeed({"install", apps[0].file});
-        succeed({"install", apps[1].file});
-        EXPECT_EQ(sql("select id, source_keyid from packages order by id;"),
-                  "harbor-notes|" + keyId("client") + "\nquiet-clock|.no.source.apps\n");
-        EXPECT_EQ(sql("select data from configuration where id = 'required';"), "0\n");
-        const auto refuse = [](const TestSupport::ProcessResult& result,
-                               const std::string& reason) {
-            EXPECT_EQ(result.status, 1);
-            EXPECT_TRUE(result.err.ends_with("\ntolva-pkg: " + reason + "\n") ||
-                        result.err == "tolva-pkg: " + reason + "\n")
-                << result.err;
-            EXPECT_EQ(result.out, "");
-        };
-
-        auto before = snapshot();
-        refuse(tolvaPkg({"install", foreign}), "package is signed with a non-legal key");
-        refuse(tolvaPkg({"install", apps[2].file}),
-               "package platform-settings is signed by a system developer");
-        refuse(tolvaPkg({"install", apps[0].file}),
-               "package harbor-notes 1.2.3-1 is installed already");
-        refuse(tolvaPkg({"remove", "nothing-such"}),
-               "couldn't find package directory: nothing-such");
-        refuse(asNobody({"install", upgrade.file}), "must be run as root");
-        EXPECT_EQ(changes(before, snapshot()), "");
-
-        // An upgrade whose new mapping meets a system file leaves the installed version
-        // installed and mapped.
-        writeFile("/usr/bin/harbor-notes-sync", "a system command");
-        before = snapshot();
-        refuse(tolvaPkg({"install", upgrade.file}), "couldn't create mappings");
-        EXPECT_EQ(changes(before, snapshot()), "");
-
-        fs::remove("/usr/bin/harbor-notes-sync");
-        succeed({"install", upgrade.file});
-        before = snapshot();
-        refuse(tolvaPkg({"install", apps[0].file}),
-               "attempt to downgrade package from 1.3.0-1 to 1.2.3-1 version");
-        EXPECT_EQ(changes(before, snapshot()), "");
     });
 }
