@@ -74,59 +74,55 @@ TEST(TrustedSourcesStore, AMissingFileGetsTheSchemaANewerOneIsLeftAndALockedOneF
     EXPECT_EQ(readFile(newer), before);
 }
 
-TEST(TrustedSourcesStore, SourcesAndBindings) {
-    TestSupport::Scratch scratch;
-    SQLiteDatabase store(scratch / "db.sqlite3");
-    store.addSource({"aa01", "CN=Alpha", {"ignored"}});
-    store.addSource({"bb02", "CN=Beta", {}});
-    store.addSource({"aa01", "CN=Changed", {}}); // kept as it was
-    store.bindPackageToSource("demo.notes", "aa01");
-    store.bindPackageToSource("demo.clock", "aa01");
-    store.bindPackageToSource("demo.maps", "bb02");
-    EXPECT_FALSE(store.hasPackage("ignored"));
-
-    const auto alpha = store.source("aa01");
-    EXPECT_EQ(alpha.subject, "CN=Alpha");
-    EXPECT_EQ(alpha.packages, (std::vector<std::string>{"demo.notes", "demo.clock"}));
-    EXPECT_EQ(store.packageSource("demo.maps").keyId, "bb02");
-    EXPECT_EQ(store.sources().at(0).keyId, "bb02"); // by subject, descending
-
-    store.setRequired(false);
-    EXPECT_FALSE(store.isRequired());
-    store.unbindPackage("demo.clock");
-    EXPECT_FALSE(store.hasPackage("demo.clock"));
-    store.removeSource("aa01");
-    EXPECT_FALSE(store.hasSource("aa01"));
-    EXPECT_FALSE(store.hasPackage("demo.notes"));
-    EXPECT_TRUE(store.hasPackage("demo.maps"));
-
-    const std::tuple<std::function<void()>, std::string, std::string> failures[] = {
-        {[&] { store.bindPackageToSource("demo.x", "unknown"); },
-         "couldn't insert package into the trusted sources database",
-         "FOREIGN KEY constraint failed"},
-        {[&] { store.bindPackageToSource("demo.maps", "bb02"); },
-         "couldn't insert package into the trusted sources database",
-         "UNIQUE constraint failed: packages.id"},
-        {[&] { store.source("unknown"); },
-         "couldn't query source from trusted sources database by key id",
-         "sql query failed: SELECT subject FROM sources WHERE keyid = ?"},
-    };
-    for (const auto& [operation, message, cause] : failures)
-        EXPECT_EQ(failureOf(operation), std::make_pair(message, "ERROR: " + cause + "\n"));
-    EXPECT_FALSE(store.hasPackage("demo.x"));
-}
-
-TEST(TrustedSourcesStore, ABatchKeepsItsWritesButTheFailedOneAndNothingWhenItThrows) {
+TEST(TrustedSourcesStore, SourcesBindingsAndBatches) {
     TestSupport::Scratch scratch;
     const std::string path = scratch / "db.sqlite3";
     {
         SQLiteDatabase store(path);
+        store.addSource({"aa01", "CN=Alpha", {"ignored"}});
+        store.addSource({"bb02", "CN=Beta", {}});
+        store.addSource({"aa01", "CN=Changed", {}}); // kept as it was
+        store.bindPackageToSource("demo.notes", "aa01");
+        store.bindPackageToSource("demo.clock", "aa01");
+        store.bindPackageToSource("demo.maps", "bb02");
+        EXPECT_FALSE(store.hasPackage("ignored"));
+
+        const auto alpha = store.source("aa01");
+        EXPECT_EQ(alpha.subject, "CN=Alpha");
+        EXPECT_EQ(alpha.packages, (std::vector<std::string>{"demo.notes", "demo.clock"}));
+        EXPECT_EQ(store.packageSource("demo.maps").keyId, "bb02");
+        EXPECT_EQ(store.sources().at(0).keyId, "bb02"); // by subject, descending
+
+        store.setRequired(false);
+        EXPECT_FALSE(store.isRequired());
+        store.unbindPackage("demo.clock");
+        EXPECT_FALSE(store.hasPackage("demo.clock"));
+        store.removeSource("aa01");
+        EXPECT_FALSE(store.hasSource("aa01"));
+        EXPECT_FALSE(store.hasPackage("demo.notes"));
+        EXPECT_TRUE(store.hasPackage("demo.maps"));
+
+        const std::tuple<std::function<void()>, std::string, std::string> failures[] = {
+            {[&] { store.bindPackageToSource("demo.x", "unknown"); },
+             "couldn't insert package into the trusted sources database",
+             "FOREIGN KEY constraint failed"},
+            {[&] { store.bindPackageToSource("demo.maps", "bb02"); },
+             "couldn't insert package into the trusted sources database",
+             "UNIQUE constraint failed: packages.id"},
+            {[&] { store.source("unknown"); },
+             "couldn't query source from trusted sources database by key id",
+             "sql query failed: SELECT subject FROM sources WHERE keyid = ?"},
+        };
+        for (const auto& [operation, message, cause] : failures)
+            EXPECT_EQ(failureOf(operation), std::make_pair(message, "ERROR: " + cause + "\n"));
+
+        // A batch keeps its writes but the failed ones; one that throws keeps nothing.
         store.batch([&] {
             store.addSource({"aa01", "CN=Alpha", {}});
             store.bindPackageToSource("demo.notes", "aa01");
             failureOf([&] { store.bindPackageToSource("demo.notes", "aa01"); });
-            failureOf([&] { store.bindPackageToSource("demo.maps", "unknown"); });
-            store.setRequired(false);
+            failureOf([&] { store.bindPackageToSource("demo.x", "unknown"); });
+            store.setRequired(true);
         });
         EXPECT_THROW(store.batch([&] {
             store.bindPackageToSource("demo.clock", "aa01");
@@ -136,9 +132,9 @@ TEST(TrustedSourcesStore, ABatchKeepsItsWritesButTheFailedOneAndNothingWhenItThr
     }
     SQLiteDatabase reopened(path);
     EXPECT_EQ(reopened.source("aa01").packages, std::vector<std::string>{"demo.notes"});
-    EXPECT_FALSE(reopened.hasPackage("demo.maps"));
+    EXPECT_FALSE(reopened.hasPackage("demo.x"));
     EXPECT_FALSE(reopened.hasPackage("demo.clock"));
-    EXPECT_FALSE(reopened.isRequired());
+    EXPECT_TRUE(reopened.isRequired());
     reopened.bindPackageToSource("demo.clock", "aa01"); // no transaction was left open
     EXPECT_TRUE(reopened.hasPackage("demo.clock"));
 }
