@@ -86,8 +86,9 @@ std::uint32_t indexOf(const Package& package, const fs::path& path) {
 
 } // namespace
 
-TEST(Package, ManifestNamesOrWarningsAndOnlyDeveloperSignedFiles) {
+TEST(Package, ManifestNamesOrWarningsOnlyDeveloperSignedFilesAndEveryEntryUnpacked) {
     TestSupport::Scratch scratch;
+    const fs::path tool = signedCopy(scratch, "tool", ::tool(), "developer");
     const auto good = foo(manifest("org.example", "Foo"));
     const auto both = signedCopy(scratch, "both", good, "developer", "client");
     const auto clientOnly = signedCopy(scratch, "client", good, "client-only");
@@ -105,19 +106,19 @@ TEST(Package, ManifestNamesOrWarningsAndOnlyDeveloperSignedFiles) {
     SANDBOXED([&] {
         TestSupport::trustTestCa();
         fs::remove_all("/var/lib/rpm");
-        std::optional<Package> package;
-        EXPECT_EQ(captureStderr([&] { package.emplace(Package::fromPath(both.string())); }), "");
+        std::optional<Package> read;
+        EXPECT_EQ(captureStderr([&] { read.emplace(Package::fromPath(both.string())); }), "");
         EXPECT_FALSE(fs::exists("/var/lib/rpm")); // reading leaves no RPM database behind
-        EXPECT_EQ(package->orgName(), "org.example");
-        EXPECT_EQ(package->appName(), "Foo");
+        EXPECT_EQ(read->orgName(), "org.example");
+        EXPECT_EQ(read->appName(), "Foo");
 
         for (const auto& [path, warnings, appName] : cases) {
             std::string expected;
             for (const auto& warning : warnings)
                 expected += "WARN: " + warning + "\"" + path.string() + "\"\n";
-            EXPECT_EQ(captureStderr([&] { package.emplace(Package::fromPath(path)); }), expected);
-            EXPECT_EQ(package->orgName(), std::nullopt);
-            EXPECT_EQ(package->appName(), appName);
+            EXPECT_EQ(captureStderr([&] { read.emplace(Package::fromPath(path)); }), expected);
+            EXPECT_EQ(read->orgName(), std::nullopt);
+            EXPECT_EQ(read->appName(), appName);
         }
 
         const auto refusal = [](const fs::path& path, ErrorCode code) {
@@ -129,15 +130,9 @@ TEST(Package, ManifestNamesOrWarningsAndOnlyDeveloperSignedFiles) {
                   "package doesn't have developer signature");
         EXPECT_EQ(refusal(unsignedPackage, ErrorCode::BadPackage),
                   "couldn't open file for reading cmses");
-    });
-}
 
-TEST(Extraction, EveryEntryAtItsPlaceWithModesSignaturesAndLinks) {
-    TestSupport::Scratch scratch;
-    const fs::path file = signedCopy(scratch, "tool", tool(), "developer");
-    SANDBOXED([&] {
-        TestSupport::trustTestCa();
-        const auto package = Package::fromPath(file);
+        // Unpacked: every entry at its place, with its mode, its signatures and its links.
+        const auto package = Package::fromPath(tool);
         const fs::path root = "/opt/app/tool/1.0-1";
         const fs::path& linkRoot = root;
         EXPECT_EQ(captureStderr([&] { package.extract(root, linkRoot); }), "");
