@@ -191,29 +191,16 @@ TEST(RpmReader, ReadsPackagesLeavingNoRpmDatabaseAndWarnsWithoutAConfiguration) 
     });
 }
 
-TEST(RpmFileIterator, FileListOfEveryKind) {
-    const auto package = TestSupport::buildPackage(everyKind());
-    SANDBOXED([&] {
-        std::vector<std::string> lines;
-        EXPECT_EQ(captureStderr([&] { lines = listOf(package); }), deviceWarning);
-        EXPECT_EQ(lines, fileList);
-    });
-    // A configuration that asks for configuration files to be signed too.
-    SANDBOXED([&] {
-        TestSupport::writeFile("/etc/rpm/macros.imasign", "%_ima_sign_config_files 1\n");
-        std::vector<std::string> lines;
-        captureStderr([&] { lines = listOf(package); });
-        EXPECT_EQ(lines[1], "file /etc/fixture.conf [] 644 sign");
-    });
-}
-
-TEST(RpmFileIterator, PayloadOfEveryKindInEachCompressionAndStoppedEarly) {
+TEST(RpmFileIterator, FileListAndPayloadOfEveryKindInEachCompressionAndStoppedEarly) {
     const std::map<std::string, std::string> payloads = {
         {"gzip", "w9.gzdio"}, {"xz", "w6.xzdio"}, {"zstd", "w3.zstdio"}};
     std::map<std::string, fs::path> packages;
     for (const auto& [name, payload] : payloads)
         packages[name] = TestSupport::buildPackage(everyKind(name, payload));
     SANDBOXED([&] {
+        std::vector<std::string> lines;
+        EXPECT_EQ(captureStderr([&] { lines = listOf(packages.at("gzip")); }), deviceWarning);
+        EXPECT_EQ(lines, fileList);
         for (const auto& [name, package] : packages) {
             SCOPED_TRACE(name);
             Extracted all;
@@ -236,6 +223,13 @@ TEST(RpmFileIterator, PayloadOfEveryKindInEachCompressionAndStoppedEarly) {
             // Within a set the last answer decides.
             EXPECT_EQ(extract(package, 10, true).lines, first(14));
         });
+    });
+    // A configuration that asks for configuration files to be signed too.
+    SANDBOXED([&] {
+        TestSupport::writeFile("/etc/rpm/macros.imasign", "%_ima_sign_config_files 1\n");
+        std::vector<std::string> lines;
+        captureStderr([&] { lines = listOf(packages.at("gzip")); });
+        EXPECT_EQ(lines.at(1), "file /etc/fixture.conf [] 644 sign");
     });
 }
 
