@@ -64,7 +64,8 @@ TEST(CreateMappings, MapsEveryKindIntoTheSystemDirectories) {
         fs::create_symlink("plugins.d", v / "3rdparty/plugins");
         EXPECT_EQ(captureStderr([&] { createMappings(v, {"demo.notes", "kelvo", "notes"}); }), "");
 
-        // The rows every package has are checked by the migration runs; here the organisation's.
+        // That every installed file reaches its place through its row is the migration runs'
+        // check; here the organisation's rows.
         EXPECT_TRUE(isLinkTo("/usr/share/common/kelvo/notes/app.conf", v / "common/app.conf"));
 
         // Copies keep the package file's attributes and carry the marker. A library's version
