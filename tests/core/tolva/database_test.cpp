@@ -125,7 +125,6 @@ TEST(DatabaseFiles, ALeadingByteOrderMarkIsSkipped) {
     std::optional<Database> database;
     EXPECT_EQ(captureStderr([&] { database.emplace(directory / "tolva.conf"); }), "");
     EXPECT_EQ(database->rootDirectory(), "/srv/apps");
-    EXPECT_EQ(database->tempDirectory(), "/opt/tolva/tmp");
 
     TestSupport::writeFile(
         directory / "velmor.pkg",
