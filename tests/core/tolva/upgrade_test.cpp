@@ -22,6 +22,7 @@ using TestSupport::errorOf;
 using TestSupport::present;
 using TestSupport::readFile;
 using TestSupport::writeFile;
+using namespace std::string_literals;
 
 namespace {
 
@@ -59,6 +60,14 @@ void prepareSecondVersion(const std::string& id = "demo") {
     fs::create_directory_symlink(version, version.parent_path() / "next");
 }
 
+// The message of the error of `code` that `body` throws, and what it logged on the way.
+std::pair<std::string, std::string> failure(const std::function<void()>& body,
+                                            ErrorCode code = ErrorCode::Filesystem) {
+    std::string message;
+    const auto log = captureStderr([&] { message = errorOf(body, code); });
+    return {message, log};
+}
+
 // A database over the default root, without the missing configuration's warning.
 Database database() {
     writeFile("/etc/tolva/tolva.conf", "");
@@ -78,13 +87,10 @@ TEST(Upgrade, PackageDirectoriesUpgradeChecksCompletionAndRemoval) {
         for (const std::string id : {"", "/", "..", "/../etc", "demo/current"})
             errorOf([&] { db.packageDirectory(id); }, ErrorCode::BadPackage);
         fs::create_directories("/opt/app/headless/1.0-1");
-        std::string message;
-        auto log = captureStderr([&] {
-            message = errorOf([&] { db.packageDirectory("headless"); },
-                              ErrorCode::CorruptedInstalledPackage);
-        });
-        EXPECT_EQ(message, "couldn't find current directory of headless package");
-        EXPECT_EQ(log, "INFO: cleaning up corrupted package directory: \"/opt/app/headless\"\n");
+        EXPECT_EQ(
+            failure([&] { db.packageDirectory("headless"); }, ErrorCode::CorruptedInstalledPackage),
+            std::pair("couldn't find current directory of headless package"s,
+                      "INFO: cleaning up corrupted package directory: \"/opt/app/headless\"\n"s));
         EXPECT_FALSE(fs::exists("/opt/app/headless"));
 
         // "next" absent, a plain directory, a link whose version is gone: nothing is switched,
@@ -95,12 +101,8 @@ TEST(Upgrade, PackageDirectoriesUpgradeChecksCompletionAndRemoval) {
                  [] { fs::create_directory_symlink(demo / "2.0-1", demo / "next"); },
              }) {
             makeNext();
-            EXPECT_EQ(captureStderr([&] {
-                          message = errorOf([&] { db.completeUpgrade(package("2.0-1")); },
-                                            ErrorCode::Internal);
-                      }),
-                      "");
-            EXPECT_EQ(message, "attempt to complete non-existent update for demo package");
+            EXPECT_EQ(failure([&] { db.completeUpgrade(package("2.0-1")); }, ErrorCode::Internal),
+                      std::pair("attempt to complete non-existent update for demo package"s, ""s));
             EXPECT_EQ(entries(demo), (std::set<std::string>{"current", "1.0-1"}));
             EXPECT_EQ(readFile("/usr/bin/demo"), "v1");
         }
@@ -117,12 +119,10 @@ TEST(Upgrade, PackageDirectoriesUpgradeChecksCompletionAndRemoval) {
         // installed version decides.
         fs::remove(demo / "next");
         fs::create_directory_symlink(demo / "2.0-1/", demo / "next");
-        log = captureStderr([&] {
-            message =
-                errorOf([&] { db.checkUpgrade(package("0.9-7")); }, ErrorCode::DowngradeAttempt);
-        });
-        EXPECT_EQ(log, "WARN: corrupted package upgrade found: \"/opt/app/demo/2.0-1/\"\n"
-                       "INFO: cleaning up corrupted package upgrade\n");
+        EXPECT_EQ(failure([&] { db.checkUpgrade(package("0.9-7")); }, ErrorCode::DowngradeAttempt),
+                  std::pair("attempt to downgrade package from 1.0-1 to 0.9-7 version"s,
+                            "WARN: corrupted package upgrade found: \"/opt/app/demo/2.0-1/\"\n"
+                            "INFO: cleaning up corrupted package upgrade\n"s));
         EXPECT_FALSE(present(demo / "next"));
         EXPECT_FALSE(present(demo / "2.0-1"));
         EXPECT_TRUE(fs::exists(demo / "1.0-1/velmor.pkg"));
@@ -147,11 +147,10 @@ TEST(Upgrade, PackageDirectoriesUpgradeChecksCompletionAndRemoval) {
         // An installed version that cannot be parsed takes the package with it.
         fs::remove(demo / "current");
         fs::create_directory_symlink(demo / "1.0-1/", demo / "current");
-        captureStderr([&] {
-            message = errorOf([&] { db.checkUpgrade(package("1.0-1")); },
-                              ErrorCode::CorruptedInstalledPackage);
-        });
-        EXPECT_EQ(message, "couldn't parse actual package version: ");
+        EXPECT_EQ(failure([&] { db.checkUpgrade(package("1.0-1")); },
+                          ErrorCode::CorruptedInstalledPackage)
+                      .first,
+                  "couldn't parse actual package version: ");
         EXPECT_FALSE(fs::exists(demo));
         EXPECT_FALSE(present("/usr/bin/demo"));
     });
@@ -178,24 +177,21 @@ TEST(StartUpPass, CompletesUpgradesRemovesOutdatedVersionsAndCompletesMetadata) 
                       {"mount", "--bind", "-o", "ro", "/opt/app/stuck", "/opt/app/stuck"})
                       .status,
                   0);
-        std::string message;
-        auto log = captureStderr(
-            [&] { message = errorOf([&] { db.completeUpgrade(package("2.0-1", "stuck")); }); });
-        EXPECT_EQ(message, "couldn't rename next directory to current for stuck package");
-        EXPECT_NE(log.find("Read-only file system"), std::string::npos) << log;
+        const auto stuck = failure([&] { db.completeUpgrade(package("2.0-1", "stuck")); });
+        EXPECT_EQ(stuck.first, "couldn't rename next directory to current for stuck package");
+        EXPECT_NE(stuck.second.find("Read-only file system"), std::string::npos) << stuck.second;
         // A new version whose mapping meets a system file leaves neither version mapped nor
         // current, for this pass to remove.
         installFirstVersion("clash");
         prepareSecondVersion("clash");
         writeFile("/opt/app/clash/2.0-1/manifest/clash.desktop", "[Desktop Entry]\n");
         writeFile("/usr/share/applications/clash.desktop", "a system file");
-        log = captureStderr(
-            [&] { message = errorOf([&] { db.completeUpgrade(package("2.0-1", "clash")); }); });
-        EXPECT_EQ(message, "couldn't create mappings");
-        EXPECT_NE(log.find("ERROR: attempt to override system file with package mapping: "
-                           "/usr/share/applications/clash.desktop\n"),
+        const auto clash = failure([&] { db.completeUpgrade(package("2.0-1", "clash")); });
+        EXPECT_EQ(clash.first, "couldn't create mappings");
+        EXPECT_NE(clash.second.find("ERROR: attempt to override system file with package mapping: "
+                                    "/usr/share/applications/clash.desktop\n"),
                   std::string::npos)
-            << log;
+            << clash.second;
         for (const char* gone : {"/opt/app/clash/current", "/opt/app/clash/next", "/usr/bin/clash",
                                  "/usr/share/clash/old.txt", "/usr/share/clash/new.txt"})
             EXPECT_FALSE(present(gone)) << gone;
@@ -217,7 +213,7 @@ TEST(StartUpPass, CompletesUpgradesRemovesOutdatedVersionsAndCompletesMetadata) 
         }
 
         TestSupport::JournalCapture journal;
-        log = captureStderr([&] { db.startUpPass(); });
+        const auto log = captureStderr([&] { db.startUpPass(); });
         for (const char* line :
              {"INFO: package demo successfully upgraded\n",
               "INFO: cleaning up corrupted package directory: \"/opt/app/clash\"\n",
