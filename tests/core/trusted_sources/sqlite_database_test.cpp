@@ -1,3 +1,6 @@
+// The trusted sources store on SQLite files: its schema, sources and bindings, batches, and files
+// it cannot use.
+
 #include "core/trusted_sources/error.hpp"
 #include "core/trusted_sources/sqlite_database.hpp"
 #include "tests/support/file_checks.hpp"
