@@ -132,13 +132,16 @@ TEST(TolvaPkg, OnAMigratedDeviceRefusesThenUpgradesRemovesAndInstallsAgain) {
         const auto verify = runProgram({"rpm", "-V", "loose-tool", "platform-settings"});
         EXPECT_EQ(verify.status, 0) << verify.out;
 
-        // Fresh installs from the signed files, each bound to its client's source or to none:
-        // the hard-link set, unpacked in the temporary directory, is still one file.
+        // Fresh installs from the signed files into a fresh store, each bound to its client's
+        // source or to none, which switches "required" off; the hard-link set, unpacked in the
+        // temporary directory, is still one file.
         succeed({"remove", "quiet-clock"});
+        fs::remove("/var/lib/trusted-sources/db.sqlite3");
         EXPECT_EQ(succeed({"install", apps[0].file}), "installed harbor-notes 1.2.3-1\n");
         succeed({"install", apps[1].file});
         EXPECT_EQ(sql("select id, source_keyid from packages order by id;"),
                   "harbor-notes|" + keyId("client") + "\nquiet-clock|.no.source.apps\n");
+        EXPECT_EQ(sql("select data from configuration where id = 'required';"), "0\n");
         EXPECT_EQ(readFile("/usr/bin/quiet-clock"), "#!/bin/sh\necho tick\n");
         const fs::path version = notes / "1.2.3-1";
         EXPECT_EQ(fs::read_symlink(notes / "current"), version);
