@@ -128,6 +128,7 @@ TEST(TolvaPkg, OnAMigratedDeviceRefusesThenUpgradesRemovesAndInstallsAgain) {
                                       "/usr/share/harbor-notes"})
             EXPECT_FALSE(present(generated)) << generated;
         EXPECT_EQ(readFile("/usr/share/icons/hicolor/128x128/apps/system.png"), "a system icon");
+        EXPECT_EQ(readFile("/usr/bin/quiet-clock"), "#!/bin/sh\necho tick\n");
         EXPECT_EQ(sql("select id from packages;"), "quiet-clock\n");
         const auto verify = runProgram({"rpm", "-V", "loose-tool", "platform-settings"});
         EXPECT_EQ(verify.status, 0) << verify.out;
@@ -142,7 +143,6 @@ TEST(TolvaPkg, OnAMigratedDeviceRefusesThenUpgradesRemovesAndInstallsAgain) {
         EXPECT_EQ(sql("select id, source_keyid from packages order by id;"),
                   "harbor-notes|" + keyId("client") + "\nquiet-clock|.no.source.apps\n");
         EXPECT_EQ(sql("select data from configuration where id = 'required';"), "0\n");
-        EXPECT_EQ(readFile("/usr/bin/quiet-clock"), "#!/bin/sh\necho tick\n");
         const fs::path version = notes / "1.2.3-1";
         EXPECT_EQ(fs::read_symlink(notes / "current"), version);
         EXPECT_TRUE(
