@@ -20,10 +20,14 @@ const char* prefixOf(LogLevel level) {
 
 thread_local std::ostream* capture = nullptr;
 
+std::ostream& currentDestination() {
+    return capture ? *capture : std::cerr;
+}
+
 } // namespace
 
 std::ostream& LogLine::destination() {
-    return capture ? *capture : std::cerr;
+    return currentDestination();
 }
 
 void LogLine::writePrefix() {
@@ -51,7 +55,7 @@ LogCapture::~LogCapture() {
 }
 
 void writeCapturedLines(const std::string& lines) {
-    (capture ? *capture : std::cerr) << lines;
+    currentDestination() << lines;
 }
 
 void log(LogLevel level, const std::string& text) {

@@ -30,7 +30,8 @@ VersionHandle ownVersion(rpmver raw);
 
 // A header lent by someone else (the installed-package database): never released by us.
 HeaderHandle borrowHeader(Header raw);
-// A reference of our own to a header, kept however long its lender keeps it.
+// A reference of our own to a lent header: it stays valid while we hold it, whatever the lender
+// does.
 HeaderHandle keepHeader(const HeaderHandle& header);
 
 } // namespace Common::Rpm
