@@ -129,7 +129,7 @@ private:
     resumeInterruptedMigration(const std::vector<std::string>& recorded) const;
     void cleanUpTemporaryDirectory(const std::vector<std::string>& keep) const;
     std::function<std::optional<PreparedPackage>()>
-    prepareInstalledPackage(const Common::Rpm::Reader& reader,
+    prepareInstalledPackage(const Common::Rpm::Reader& reader, const std::string& id,
                             const PackageSignatures::Database& signatures,
                             const std::vector<std::string>& prepared) const;
     bool migrate(const PreparedPackage& prepared) const;

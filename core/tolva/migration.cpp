@@ -410,7 +410,7 @@ Database::preparePackagesForMigration(Common::Rpm::Transaction& transaction) con
         if (!failed) {
             const Common::LogCapture capture(preparation.log);
             try {
-                rest = prepareInstalledPackage(reader, signatures, ids);
+                rest = prepareInstalledPackage(reader, preparation.id, signatures, ids);
             } catch (...) {
                 failed = std::current_exception();
             }
@@ -441,10 +441,9 @@ Database::preparePackagesForMigration(Common::Rpm::Transaction& transaction) con
 // One installed package: nothing when it does not qualify; when it does, the rest of its
 // preparation, which gives its prepared copy and asks nothing more of RPM.
 std::function<std::optional<PreparedPackage>()>
-Database::prepareInstalledPackage(const Common::Rpm::Reader& reader,
+Database::prepareInstalledPackage(const Common::Rpm::Reader& reader, const std::string& id,
                                   const PackageSignatures::Database& signatures,
                                   const std::vector<std::string>& prepared) const {
-    const std::string id = reader.stringTag(RPMTAG_NAME);
     const std::string version =
         reader.stringTag(RPMTAG_VERSION) + "-" + reader.stringTag(RPMTAG_RELEASE);
     auto certificate = developerCertificateData(signatures, id);
@@ -474,7 +473,7 @@ Database::prepareInstalledPackage(const Common::Rpm::Reader& reader,
         checkPathComponent(*appName, "application name");
     auto package = std::make_shared<PreparedPackage>(PreparedPackage{
         Package(id, version, fileList(reader), orgName, appName), std::move(*certificate), {}});
-    return [this, package, orgName, appName]() -> std::optional<PreparedPackage> {
+    return [this, package, id, version, orgName, appName]() -> std::optional<PreparedPackage> {
         package->tree = copyPackageFilesToTempDirectory(package->package);
         try {
             writeGeneratedDirectoryList(package->package, package->tree, ListFlush::ByCaller);
@@ -485,8 +484,7 @@ Database::prepareInstalledPackage(const Common::Rpm::Reader& reader,
         }
         // The file list has served (the tree and its lists are made); every package keeping
         // its own until the end of the run would make its memory grow by a list per package.
-        const Package& made = package->package;
-        package->package = Package(made.id(), made.version(), {}, orgName, appName);
+        package->package = Package(id, version, {}, orgName, appName);
         return std::move(*package);
     };
 }

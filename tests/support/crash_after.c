@@ -150,9 +150,12 @@ static int writing(int flags) {
     return (flags & (O_WRONLY | O_RDWR | O_CREAT | O_TRUNC)) != 0;
 }
 
-#define COUNTED_OPEN(name)                                                                         \
-    int name(const char* path, int flags, ...) {                                                   \
-        static int (*next)(const char*, int, ...) = NULL;                                          \
+#define UNPAREN(...) __VA_ARGS__
+/* `leading`: the parameters before the path, in parentheses, each with its comma; `passed`:
+ * their names, likewise. */
+#define COUNTED_OPEN(name, leading, passed)                                                        \
+    int name(UNPAREN leading const char* path, int flags, ...) {                                   \
+        static int (*next)(UNPAREN leading const char*, int, ...) = NULL;                          \
         if (!next)                                                                                 \
             next = dlsym(RTLD_NEXT, #name);                                                        \
         va_list rest;                                                                              \
@@ -162,26 +165,12 @@ static int writing(int flags) {
         vanishBefore(path);                                                                        \
         if (writing(flags))                                                                        \
             step();                                                                                \
-        return next(path, flags, mode);                                                            \
+        return next(UNPAREN passed path, flags, mode);                                             \
     }
-#define COUNTED_OPENAT(name)                                                                       \
-    int name(int dir, const char* path, int flags, ...) {                                          \
-        static int (*next)(int, const char*, int, ...) = NULL;                                     \
-        if (!next)                                                                                 \
-            next = dlsym(RTLD_NEXT, #name);                                                        \
-        va_list rest;                                                                              \
-        va_start(rest, flags);                                                                     \
-        const mode_t mode = modeArgument(flags, rest);                                             \
-        va_end(rest);                                                                              \
-        vanishBefore(path);                                                                        \
-        if (writing(flags))                                                                        \
-            step();                                                                                \
-        return next(dir, path, flags, mode);                                                       \
-    }
-COUNTED_OPEN(open)
-COUNTED_OPEN(open64)
-COUNTED_OPENAT(openat)
-COUNTED_OPENAT(openat64)
+COUNTED_OPEN(open, (), ())
+COUNTED_OPEN(open64, (), ())
+COUNTED_OPEN(openat, (int dir, ), (dir, ))
+COUNTED_OPEN(openat64, (int dir, ), (dir, ))
 
 #define COUNTED_FOPEN(name)                                                                        \
     FILE* name(const char* path, const char* mode) {                                               \
