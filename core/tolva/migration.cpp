@@ -419,6 +419,12 @@ Database::preparePackagesForMigration(Common::Rpm::Transaction& transaction) con
         if (failed) {
             rest = [failed]() -> std::optional<PreparedPackage> { std::rethrow_exception(failed); };
         } else if (rest) {
+            // The temporary directory is made once, here: the trees made at once would each
+            // race the others to make it.
+            if (ids.empty()) {
+                std::error_code ignored; // a failure is each tree's to report
+                fs::create_directories(temp, ignored);
+            }
             ids.push_back(preparation.id);
             preparation.header = Common::Rpm::keepHeader(reader.header());
             policy = atOnce > 1 ? std::launch::async : std::launch::deferred;
