@@ -2,6 +2,7 @@
 
 #include "common/error.hpp"
 
+#include <fcntl.h>
 #include <rpm/rpmcli.h>
 #include <rpm/rpmdb.h>
 
@@ -27,8 +28,18 @@ void Transaction::addEraseElement(const HeaderHandle& header) {
         throw Error(ErrorCode::Internal, "couldn't add erase element to the RPM transaction");
 }
 
-void Transaction::run() {
-    rpmtsRun(set.get(), nullptr, 0);
+// librpm writes each element's change of the database as a transaction of its own, and each
+// is a flush to the disk. Held open around the run, the database's own write lock makes them
+// one: one flush for the whole erase, and a run stopped part-way changes nothing in it.
+bool Transaction::run() {
+    rpmts raw = set.get();
+    rpmdb database = rpmtsOpenDB(raw, O_RDWR | O_CREAT) == 0 ? rpmtsGetRdb(raw) : nullptr;
+    if (database && rpmdbCtrl(database, RPMDB_CTRL_LOCK_RW) != 0)
+        database = nullptr;
+    rpmtsRun(raw, nullptr, 0);
+    if (!database)
+        return true;
+    return rpmtsGetRdb(raw) == database && rpmdbCtrl(database, RPMDB_CTRL_UNLOCK_RW) == 0;
 }
 
 std::set<std::string> installedAmong(const std::vector<std::string>& names) {

@@ -27,7 +27,9 @@ public:
     // Queues the erasure of an installed package; throws Common::Error code 2 when refused.
     void addEraseElement(const HeaderHandle& header);
     // Runs the queued elements; the library reports problems itself and they are not examined.
-    void run();
+    // The database takes the changes of all elements at once; false when it could not, and
+    // then it may still list packages whose files are gone.
+    bool run();
 
     rpmts handle() const { return set.get(); }
 

@@ -229,17 +229,23 @@ void Database::migrateFromRpm() const {
     Common::syncFileSystem(temp);
     writePreparedRecord(recorded);
 
-    transaction.run();
+    const bool erasureTaken = transaction.run();
+    if (!erasureTaken)
+        Common::logError("the RPM database did not take the erasure of the migrated packages");
     std::vector<std::string> ids;
     for (const auto& package : prepared)
         ids.push_back(package.package.id());
     const auto stillInstalled = Common::Rpm::installedAmong(ids);
     for (const auto& package : prepared) {
-        // Still RPM's: its copy is not needed, but it is prepared again at the next start.
+        // Still RPM's. Where RPM refused the erasure its files are as they were and the copy is
+        // not needed: it is prepared again at the next start. Where the database did not take
+        // the erasure, the files may be gone and the copy is all there is: that start takes
+        // it up, as after an interruption.
         if (stillInstalled.contains(package.package.id())) {
             LogLine(LogLevel::Warning) << "package " << package.package.id()
                                        << " is still installed by RPM after its erasure";
-            removeQuietly(package.tree);
+            if (erasureTaken)
+                removeQuietly(package.tree);
             waiting.push_back(package.package.id());
         } else if (!migrate(package)) {
             waiting.push_back(package.package.id());

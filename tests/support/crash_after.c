@@ -4,11 +4,13 @@
  * call numbered TOLVA_CRASH_AT. With TOLVA_CRASH_COUNT set it writes the number of calls it saw
  * to that file when the program exits normally. With TOLVA_VANISH set, the file at that path is
  * removed just before the program first touches it by its path for its data (listing its
- * attributes, linking it, opening it): a file that vanishes while the program copies it. */
+ * attributes, linking it, opening it): a file that vanishes while the program copies it. With
+ * TOLVA_REFUSE_WRITES set, every write into the file at that path fails as on a full disk. */
 
 #define _GNU_SOURCE
 #undef _FORTIFY_SOURCE
 #include <dlfcn.h>
+#include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <stdarg.h>
@@ -26,6 +28,20 @@ static long calls = 0;
 static const char* countFile = NULL;
 
 static const char* vanish = NULL;
+static const char* refuse = NULL;
+
+static int refused(int fd) {
+    if (!refuse)
+        return 0;
+    char link[32];
+    char path[4096];
+    snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
+    const ssize_t length = readlink(link, path, sizeof path - 1);
+    if (length < 0)
+        return 0;
+    path[length] = '\0';
+    return strcmp(path, refuse) == 0;
+}
 
 static void vanishBefore(const char* path) {
     const char* target = __atomic_load_n(&vanish, __ATOMIC_ACQUIRE);
@@ -52,6 +68,7 @@ __attribute__((constructor)) static void start(void) {
         crashAt = atol(at);
     countFile = getenv("TOLVA_CRASH_COUNT");
     vanish = getenv("TOLVA_VANISH");
+    refuse = getenv("TOLVA_REFUSE_WRITES");
 }
 
 __attribute__((destructor)) static void finish(void) {
@@ -68,21 +85,29 @@ __attribute__((destructor)) static void finish(void) {
     }
 }
 
-/* Every call is counted, then handed to the next definition of the same function. */
-#define COUNTED(result, name, parameters, arguments)                                               \
+/* Every call is counted, then handed to the next definition of the same function, unless
+ * `fails` holds: then it fails as on a full disk. */
+#define COUNTED_UNLESS(result, name, parameters, arguments, fails)                                 \
     result name parameters {                                                                       \
         static result(*next) parameters = NULL;                                                    \
         if (!next)                                                                                 \
             next = dlsym(RTLD_NEXT, #name);                                                        \
         step();                                                                                    \
+        if (fails) {                                                                               \
+            errno = ENOSPC;                                                                        \
+            return -1;                                                                             \
+        }                                                                                          \
         return next arguments;                                                                     \
     }
+#define COUNTED(result, name, parameters, arguments)                                               \
+    COUNTED_UNLESS(result, name, parameters, arguments, 0)
+#define COUNTED_WRITE(name, parameters, arguments)                                                 \
+    COUNTED_UNLESS(ssize_t, name, parameters, arguments, refused(fd))
 
-COUNTED(ssize_t, write, (int fd, const void* data, size_t size), (fd, data, size))
-COUNTED(ssize_t, pwrite, (int fd, const void* data, size_t size, off_t at), (fd, data, size, at))
-COUNTED(ssize_t, pwrite64, (int fd, const void* data, size_t size, off64_t at),
-        (fd, data, size, at))
-COUNTED(ssize_t, writev, (int fd, const struct iovec* parts, int count), (fd, parts, count))
+COUNTED_WRITE(write, (int fd, const void* data, size_t size), (fd, data, size))
+COUNTED_WRITE(pwrite, (int fd, const void* data, size_t size, off_t at), (fd, data, size, at))
+COUNTED_WRITE(pwrite64, (int fd, const void* data, size_t size, off64_t at), (fd, data, size, at))
+COUNTED_WRITE(writev, (int fd, const struct iovec* parts, int count), (fd, parts, count))
 COUNTED(int, rename, (const char* from, const char* to), (from, to))
 COUNTED(int, renameat, (int fromDir, const char* from, int toDir, const char* to),
         (fromDir, from, toDir, to))

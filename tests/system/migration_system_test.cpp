@@ -246,6 +246,34 @@ TEST(Migration, APackageThatFailsToInstallWaitsForTheNextStart) {
     });
 }
 
+TEST(Migration, AnErasureThatTheRpmDatabaseDoesNotTakeKeepsTheCopies) {
+    onSampleDevice([&] {
+        const auto before = installedFiles();
+        // The database cannot grow: the erase removes the files, yet RPM still lists them.
+        const auto failed =
+            runProgram({"env", "LD_PRELOAD=" TOLVA_FAULT_PRELOAD,
+                        "TOLVA_REFUSE_WRITES=/var/lib/rpm/rpmdb.sqlite-wal", TOLVA_MIGRATE});
+        EXPECT_EQ(failed.status, 1);
+        EXPECT_NE(failed.err.find("ERROR: the RPM database did not take the erasure of the "
+                                  "migrated packages\n"),
+                  std::string::npos)
+            << failed.err;
+        EXPECT_FALSE(fs::exists(stamp));
+        EXPECT_EQ(installedRpms(), (std::vector<std::string>{"harbor-notes", "loose-tool",
+                                                             "platform-settings", "quiet-clock"}));
+        EXPECT_FALSE(fs::exists("/usr/bin/harbor-notes"));
+        EXPECT_EQ(readFile("/opt/tolva/tmp/harbor-notes/bin/harbor-notes"),
+                  "#!/bin/sh\necho notes\n");
+
+        const auto resumed = launch();
+        EXPECT_EQ(resumed.status, 0) << resumed.err;
+        EXPECT_EQ(installedRpms(), (std::vector<std::string>{"loose-tool", "platform-settings"}));
+        for (const auto& [path, file] : before)
+            EXPECT_EQ(readFile(fs::canonical(path)), file.content) << path;
+        EXPECT_TRUE(fs::exists(stamp));
+    });
+}
+
 TEST(Migration, AStoreThatCannotBeOpenedOrIsLockedStillCompletesTheRun) {
     TestSupport::Scratch scratch;
     const auto apps = TestSupport::buildSampleApps(scratch.path());
