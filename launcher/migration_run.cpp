@@ -53,42 +53,50 @@ void registerSources(const PackageSignatures::Database& signatures,
     }
 }
 
-// Every write to the store goes in one batch: one flush instead of one per package.
-void registerSources() {
-    const PackageSignatures::Database signatures(PackageSignatures::Database::defaultPath);
-    Core::TrustedSources::SQLiteDatabase store;
-    store.batch([&] { registerSources(signatures, store); });
-}
-
 // Every installed package that still has no source is bound to the source of packages
 // without one; creating that source switches the store's "required" flag off.
-void bindPackagesWithoutSource() {
-    const Core::Tolva::Database database;
-    Core::TrustedSources::SQLiteDatabase store;
+void bindPackagesWithoutSource(const Core::Tolva::Database& database,
+                               Core::TrustedSources::SQLiteDatabase& store) {
     const std::string pseudoSource = Core::Tolva::noSourceKeyId;
-    store.batch([&] {
-        for (const auto& data : database.installedPackages()) {
-            const auto id = data.find("general.id");
-            if (id == data.end()) {
-                Common::logWarning("couldn't retrieve ID of installed package");
-                continue;
-            }
-            try {
-                if (store.hasPackage(id->second))
-                    continue;
-                if (!store.hasSource(pseudoSource)) {
-                    store.addSource({pseudoSource, "", {}});
-                    store.setRequired(false);
-                }
-                store.bindPackageToSource(id->second, pseudoSource);
-                Common::logInfo("successfully bound " + id->second + " package to source " +
-                                keyIdText(pseudoSource));
-            } catch (const Core::TrustedSources::TSError& error) {
-                Common::logError("couldn't bind " + id->second + " package to source " +
-                                 keyIdText(pseudoSource));
-                LogLine(LogLevel::Error) << error;
-            }
+    for (const auto& data : database.installedPackages()) {
+        const auto id = data.find("general.id");
+        if (id == data.end()) {
+            Common::logWarning("couldn't retrieve ID of installed package");
+            continue;
         }
+        try {
+            if (store.hasPackage(id->second))
+                continue;
+            if (!store.hasSource(pseudoSource)) {
+                store.addSource({pseudoSource, "", {}});
+                store.setRequired(false);
+            }
+            store.bindPackageToSource(id->second, pseudoSource);
+            Common::logInfo("successfully bound " + id->second + " package to source " +
+                            keyIdText(pseudoSource));
+        } catch (const Core::TrustedSources::TSError& error) {
+            Common::logError("couldn't bind " + id->second + " package to source " +
+                             keyIdText(pseudoSource));
+            LogLine(LogLevel::Error) << error;
+        }
+    }
+}
+
+// The sources first, then the packages without one. One store takes the writes of both in
+// one batch: one flush to the disk instead of one per package. A store that could not be
+// opened is tried once more for the binding.
+void recordSources() {
+    const PackageSignatures::Database signatures(PackageSignatures::Database::defaultPath);
+    Core::TrustedSources::SQLiteDatabase store;
+    store.batch([&] {
+        registerSources(signatures, store);
+        const Core::Tolva::Database database;
+        if (store.isOpen()) {
+            bindPackagesWithoutSource(database, store);
+            return;
+        }
+        Core::TrustedSources::SQLiteDatabase again;
+        again.batch([&] { bindPackagesWithoutSource(database, again); });
     });
 }
 
@@ -110,8 +118,7 @@ RunBody startMigration() {
     auto database = std::make_shared<const Core::Tolva::Database>();
     return [database] {
         database->migrateFromRpm();
-        registerSources();
-        bindPackagesWithoutSource();
+        recordSources();
         requireNothingWaiting(*database);
     };
 }

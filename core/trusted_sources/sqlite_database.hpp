@@ -19,6 +19,8 @@ public:
     SQLiteDatabase();
     explicit SQLiteDatabase(const std::string& path);
 
+    bool isOpen() const { return database.has_value(); }
+
     bool isRequired() override;
     void setRequired(bool required) override;
     void addSource(const Source& source) override;
