@@ -8,7 +8,8 @@
 //   names alone     where the file system is shared: `cp -al` of the files into the temporary
 //                   directory, `rpm -e`, then `cp -rs` of that tree back into place: the links
 //                   and the per-file symlinks that any migration keeping its mappings makes, and
-//                   nothing else (no flush, no lists, no attributes, no store)
+//                   nothing else (no lists, no attributes, no store, no flush but rpm -e's own,
+//                   one per package where the migration's erase makes one in all)
 // (rpm -e runs with --noplugins, as the migration's transaction does.) Each size runs twice:
 // with the database and its temporary directory on the installed files' file system ("shared":
 // /usr here) and on another one ("separate": /opt, the default). Prints the medians, the
