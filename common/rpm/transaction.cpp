@@ -1,10 +1,12 @@
 #include "common/rpm/transaction.hpp"
 
 #include "common/error.hpp"
+#include "common/rpm/file_iterator.hpp"
 
 #include <fcntl.h>
 #include <rpm/rpmcli.h>
 #include <rpm/rpmdb.h>
+#include <sys/stat.h>
 
 namespace Common::Rpm {
 
@@ -54,6 +56,22 @@ std::set<std::string> installedAmong(const std::vector<std::string>& names) {
             installed.insert(name);
     }
     return installed;
+}
+
+bool filesInPlace(const std::string& name) {
+    const Transaction transaction;
+    const auto iterator = ownMatchIterator(
+        rpmtsInitIterator(transaction.handle(), RPMDBI_NAME, name.c_str(), name.size()));
+    Header header = rpmdbNextIterator(iterator.get());
+    if (!header)
+        return false;
+    bool inPlace = true;
+    FileIterator(Reader(header)).forEach([&](const FileIterator::Entry& entry) {
+        struct stat status {};
+        inPlace = entry.type == EntryType::Directory || ::lstat(entry.path.c_str(), &status) == 0;
+        return inPlace ? IterationResult::Continue : IterationResult::Stop;
+    });
+    return inPlace;
 }
 
 InstalledPackageIterator::InstalledPackageIterator() {

@@ -40,6 +40,10 @@ private:
 // Those of `names` that the RPM database lists, asked of one open database.
 std::set<std::string> installedAmong(const std::vector<std::string>& names);
 
+// Whether the RPM database lists package `name` and every file that it lists for it, but its
+// directories, is in place.
+bool filesInPlace(const std::string& name);
+
 // Every installed package, in database order. Walked once.
 class InstalledPackageIterator {
 public:

@@ -239,12 +239,12 @@ void Database::migrateFromRpm() const {
     for (const auto& package : prepared) {
         // Still RPM's. Where RPM refused the erasure its files are as they were and the copy is
         // not needed: it is prepared again at the next start. Where the database did not take
-        // the erasure, the files may be gone and the copy is all there is: that start takes
-        // it up, as after an interruption.
+        // the erasure, or a file is gone (a scriptlet may remove them and then fail), the copy
+        // may be all there is: that start takes it up, as after an interruption.
         if (stillInstalled.contains(package.package.id())) {
             LogLine(LogLevel::Warning) << "package " << package.package.id()
                                        << " is still installed by RPM after its erasure";
-            if (erasureTaken)
+            if (erasureTaken && Common::Rpm::filesInPlace(package.package.id()))
                 removeQuietly(package.tree);
             waiting.push_back(package.package.id());
         } else if (!migrate(package)) {

@@ -59,7 +59,11 @@ FixturePackage quietClock() {
             {directory("/usr/share/quiet-clock"),
              file("/usr/bin/quiet-clock", "#!/bin/sh\necho tick\n", 0755),
              file("/usr/share/quiet-clock/face.svg", "<svg/>\n")},
-            "if posix.access(\"/etc/quiet-clock.keep\") then error(\"kept\") end"};
+            "local keep = io.open(\"/etc/quiet-clock.keep\")\n"
+            "if keep then\n"
+            "  if keep:read(\"a\") == \"wipe\" then os.remove(\"/usr/bin/quiet-clock\") end\n"
+            "  error(\"kept\")\n"
+            "end"};
 }
 
 FixturePackage platformSettings() {

@@ -22,7 +22,8 @@ struct SampleApp {
 //                         binary, icons, data, a helper, a library with its link, a hard-link
 //                         set, relative, dot-relative and absolute links, a %config file
 //   quiet-clock 0.9-2     developer signed, no manifest; RPM fails to erase it while
-//                         /etc/quiet-clock.keep exists
+//                         /etc/quiet-clock.keep exists, after removing its binary when that
+//                         file holds "wipe"
 //   platform-settings 3.1-1  signed by a system developer
 //   loose-tool 1.0-1      unsigned
 std::vector<SampleApp> buildSampleApps(const std::filesystem::path& directory);

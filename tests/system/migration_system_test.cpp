@@ -246,7 +246,7 @@ TEST(Migration, APackageThatFailsToInstallWaitsForTheNextStart) {
     });
 }
 
-TEST(Migration, AnErasureThatTheRpmDatabaseDoesNotTakeKeepsTheCopies) {
+TEST(Migration, AnErasureThatLeavesRpmListingAPackageWithoutItsFilesKeepsItsCopy) {
     onSampleDevice([&] {
         const auto before = installedFiles();
         // The database cannot grow: the erase removes the files, yet RPM still lists them.
@@ -271,6 +271,22 @@ TEST(Migration, AnErasureThatTheRpmDatabaseDoesNotTakeKeepsTheCopies) {
         for (const auto& [path, file] : before)
             EXPECT_EQ(readFile(fs::canonical(path)), file.content) << path;
         EXPECT_TRUE(fs::exists(stamp));
+    });
+    onSampleDevice([&] {
+        // quiet-clock's %preun removes its binary, then refuses the erase.
+        TestSupport::writeFile("/etc/quiet-clock.keep", "wipe");
+        const auto refused = launch();
+        EXPECT_EQ(refused.status, 1);
+        EXPECT_NE(refused.err.find("WARN: package quiet-clock is still installed by RPM after its "
+                                   "erasure\n"),
+                  std::string::npos)
+            << refused.err;
+        EXPECT_FALSE(fs::exists("/usr/bin/quiet-clock"));
+
+        fs::remove("/etc/quiet-clock.keep");
+        const auto resumed = launch();
+        EXPECT_EQ(resumed.status, 0) << resumed.err;
+        EXPECT_EQ(readFile("/usr/bin/quiet-clock"), "#!/bin/sh\necho tick\n");
     });
 }
 
