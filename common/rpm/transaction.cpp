@@ -66,11 +66,16 @@ bool filesInPlace(const std::string& name) {
     if (!header)
         return false;
     bool inPlace = true;
-    FileIterator(Reader(header)).forEach([&](const FileIterator::Entry& entry) {
-        struct stat status {};
-        inPlace = entry.type == EntryType::Directory || ::lstat(entry.path.c_str(), &status) == 0;
-        return inPlace ? IterationResult::Continue : IterationResult::Stop;
-    });
+    try {
+        FileIterator(Reader(header)).forEach([&](const FileIterator::Entry& entry) {
+            struct stat status {};
+            inPlace =
+                entry.type == EntryType::Directory || ::lstat(entry.path.c_str(), &status) == 0;
+            return inPlace ? IterationResult::Continue : IterationResult::Stop;
+        });
+    } catch (const std::exception&) {
+        return false; // a file list that cannot be read tells nothing
+    }
     return inPlace;
 }
 

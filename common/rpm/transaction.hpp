@@ -41,7 +41,7 @@ private:
 std::set<std::string> installedAmong(const std::vector<std::string>& names);
 
 // Whether the RPM database lists package `name` and every file that it lists for it, but its
-// directories, is in place.
+// directories, is in place; false too when its file list cannot be read.
 bool filesInPlace(const std::string& name);
 
 // Every installed package, in database order. Walked once.
