@@ -34,6 +34,13 @@ TestSupport::ProcessResult launchVanishing(const fs::path& path) {
         {"env", "LD_PRELOAD=" TOLVA_FAULT_PRELOAD, "TOLVA_VANISH=" + path.string(), TOLVA_MIGRATE});
 }
 
+// Whether `run` logged `text`; says what it logged when not.
+testing::AssertionResult logged(const TestSupport::ProcessResult& run, const std::string& text) {
+    if (run.err.find(text) != std::string::npos)
+        return testing::AssertionSuccess();
+    return testing::AssertionFailure() << "no \"" << text << "\" in:\n" << run.err;
+}
+
 std::string keyId(const std::string& certificate) {
     return PackageSignatures::Certificate::fromPem(
                readFile(TestSupport::TestPki::shared().certificate(certificate)))
@@ -197,10 +204,8 @@ TEST(Migration, APackageThatFailsToInstallWaitsForTheNextStart) {
 
         const auto failed = launch();
         EXPECT_EQ(failed.status, 1);
-        EXPECT_NE(failed.err.find("ERROR: attempt to override system file with package mapping: " +
-                                  blocker.string() + "\n"),
-                  std::string::npos)
-            << failed.err;
+        EXPECT_TRUE(logged(failed, "ERROR: attempt to override system file with package mapping: " +
+                                       blocker.string() + "\n"));
         const std::string ending =
             "ERROR: package harbor-notes waits to be migrated at the next start\n"
             "ERROR: the migration from RPM to Tolva is not complete\n"
@@ -211,7 +216,7 @@ TEST(Migration, APackageThatFailsToInstallWaitsForTheNextStart) {
              {"ERROR: failed to migrate harbor-notes package from RPM to Tolva\n",
               "INFO: package quiet-clock successfully migrated from RPM to Tolva\n",
               "INFO: successfully bound harbor-notes package to source"})
-            EXPECT_NE(failed.err.find(line), std::string::npos) << line;
+            EXPECT_TRUE(logged(failed, line));
         EXPECT_FALSE(fs::exists(stamp));
         EXPECT_EQ(installedRpms(), (std::vector<std::string>{"loose-tool", "platform-settings"}));
         // The only copy is back in the temporary directory, and nothing of it is mapped.
@@ -235,9 +240,7 @@ TEST(Migration, APackageThatFailsToInstallWaitsForTheNextStart) {
         fs::remove(blocker);
         const auto resumed = launch();
         EXPECT_EQ(resumed.status, 0) << resumed.err;
-        EXPECT_NE(resumed.err.find("INFO: package harbor-notes successfully migrated"),
-                  std::string::npos)
-            << resumed.err;
+        EXPECT_TRUE(logged(resumed, "INFO: package harbor-notes successfully migrated"));
         EXPECT_TRUE(fs::exists(stamp));
         EXPECT_EQ(readFile("/usr/bin/harbor-notes"), "#!/bin/sh\necho notes\n");
         EXPECT_TRUE(
@@ -254,10 +257,8 @@ TEST(Migration, AnErasureThatLeavesRpmListingAPackageWithoutItsFilesKeepsItsCopy
             runProgram({"env", "LD_PRELOAD=" TOLVA_FAULT_PRELOAD,
                         "TOLVA_REFUSE_WRITES=/var/lib/rpm/rpmdb.sqlite-wal", TOLVA_MIGRATE});
         EXPECT_EQ(failed.status, 1);
-        EXPECT_NE(failed.err.find("ERROR: the RPM database did not take the erasure of the "
-                                  "migrated packages\n"),
-                  std::string::npos)
-            << failed.err;
+        EXPECT_TRUE(logged(failed, "ERROR: the RPM database did not take the erasure of the "
+                                   "migrated packages\n"));
         EXPECT_FALSE(fs::exists(stamp));
         EXPECT_EQ(installedRpms(), (std::vector<std::string>{"harbor-notes", "loose-tool",
                                                              "platform-settings", "quiet-clock"}));
@@ -277,10 +278,8 @@ TEST(Migration, AnErasureThatLeavesRpmListingAPackageWithoutItsFilesKeepsItsCopy
         TestSupport::writeFile("/etc/quiet-clock.keep", "wipe");
         const auto refused = launch();
         EXPECT_EQ(refused.status, 1);
-        EXPECT_NE(refused.err.find("WARN: package quiet-clock is still installed by RPM after its "
-                                   "erasure\n"),
-                  std::string::npos)
-            << refused.err;
+        EXPECT_TRUE(logged(refused, "WARN: package quiet-clock is still installed by RPM after its "
+                                    "erasure\n"));
         EXPECT_FALSE(fs::exists("/usr/bin/quiet-clock"));
 
         fs::remove("/etc/quiet-clock.keep");
@@ -303,7 +302,7 @@ TEST(Migration, AStoreThatCannotBeOpenedOrIsLockedStillCompletesTheRun) {
               std::string("ERROR: couldn't bind quiet-clock package to source "
                           "(keyid=.no.source.apps)\n"),
               std::string("INFO: package quiet-clock successfully migrated from RPM to Tolva\n")})
-            EXPECT_NE(run.err.find(line), std::string::npos) << line << run.err;
+            EXPECT_TRUE(logged(run, line));
         EXPECT_TRUE(fs::exists(stamp));
         EXPECT_TRUE(fs::exists("/opt/app/harbor-notes/current/velmor.pkg"));
     };
@@ -384,11 +383,9 @@ TEST(Migration, NamesFromTheDeviceNeverLeadOutOfTheirPlace) {
         installDevice({app});
         const auto run = launch();
         EXPECT_EQ(run.status, 0);
-        EXPECT_NE(run.err.find("ERROR: couldn't extract a package information required for "
-                               "migration\nERROR: organization name is not a valid directory "
-                               "name: \"../../../etc/cron.d\"\n"),
-                  std::string::npos)
-            << run.err;
+        EXPECT_TRUE(logged(run, "ERROR: couldn't extract a package information required for "
+                                "migration\nERROR: organization name is not a valid directory "
+                                "name: \"../../../etc/cron.d\"\n"));
         EXPECT_FALSE(fs::exists("/etc/cron.d/job"));
         EXPECT_EQ(installedRpms(), std::vector<std::string>{"cron-writer"});
         EXPECT_EQ(runProgram({"rpm", "-V", "cron-writer"}).status, 0);
@@ -403,11 +400,8 @@ TEST(Migration, ARootThatIsFullReadOnlyOrWithoutAttributesLosesNothingAndIsRetri
         const auto bare = launch();
         EXPECT_EQ(bare.status, 1);
         for (const std::string id : {"harbor-notes", "quiet-clock"}) {
-            EXPECT_NE(bare.err.find("ERROR: package " + id +
-                                    " waits to be migrated at the next "
-                                    "start\n"),
-                      std::string::npos)
-                << bare.err;
+            EXPECT_TRUE(
+                logged(bare, "ERROR: package " + id + " waits to be migrated at the next start\n"));
             EXPECT_TRUE(fs::exists("/opt/tolva/tmp/" + id + "/velmor.pkg"));
         }
         EXPECT_EQ(installedRpms(), (std::vector<std::string>{"loose-tool", "platform-settings"}));
@@ -417,11 +411,8 @@ TEST(Migration, ARootThatIsFullReadOnlyOrWithoutAttributesLosesNothingAndIsRetri
         TestSupport::mountFresh("tmpfs", "/opt/app", "size=200k");
         const auto full = launch();
         EXPECT_EQ(full.status, 1);
-        EXPECT_NE(full.err.find("ERROR: couldn't create versioned directory: " + notes.string()),
-                  std::string::npos)
-            << full.err;
-        EXPECT_NE(full.err.find("INFO: package quiet-clock successfully migrated"),
-                  std::string::npos);
+        EXPECT_TRUE(logged(full, "ERROR: couldn't create versioned directory: " + notes.string()));
+        EXPECT_TRUE(logged(full, "INFO: package quiet-clock successfully migrated"));
         EXPECT_FALSE(fs::exists("/opt/app/harbor-notes"));
         EXPECT_EQ(readFile("/opt/tolva/tmp/harbor-notes/bin/harbor-notes"),
                   "#!/bin/sh\necho notes\n");
@@ -429,10 +420,8 @@ TEST(Migration, ARootThatIsFullReadOnlyOrWithoutAttributesLosesNothingAndIsRetri
         ASSERT_EQ(::mount(nullptr, "/opt/app", nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
         const auto readOnly = launch();
         EXPECT_EQ(readOnly.status, 1);
-        EXPECT_NE(readOnly.err.find("ERROR: failed to migrate harbor-notes package from RPM to "
-                                    "Tolva\n"),
-                  std::string::npos)
-            << readOnly.err;
+        EXPECT_TRUE(logged(readOnly, "ERROR: failed to migrate harbor-notes package from RPM to "
+                                     "Tolva\n"));
         EXPECT_TRUE(fs::exists("/opt/tolva/tmp/harbor-notes/bin/harbor-notes"));
 
         ASSERT_EQ(::mount(nullptr, "/opt/app", nullptr, MS_REMOUNT, "size=10m"), 0);
@@ -473,13 +462,10 @@ TEST(Migration, OnTheInstalledFilesFileSystemLinksAndLeavesAPackageThatStaysUnto
 
         const auto run = launch();
         EXPECT_EQ(run.status, 1);
-        EXPECT_NE(run.err.find("WARN: package quiet-clock is still installed by RPM after its "
-                               "erasure\n"),
-                  std::string::npos)
-            << run.err;
-        EXPECT_NE(run.err.find("ERROR: package quiet-clock waits to be migrated at the next "
-                               "start\n"),
-                  std::string::npos);
+        EXPECT_TRUE(logged(run, "WARN: package quiet-clock is still installed by RPM after its "
+                                "erasure\n"));
+        EXPECT_TRUE(logged(run, "ERROR: package quiet-clock waits to be migrated at the next "
+                                "start\n"));
         EXPECT_FALSE(fs::exists(stamp));
         EXPECT_EQ(installedRpms(),
                   (std::vector<std::string>{"loose-tool", "platform-settings", "quiet-clock"}));
@@ -532,13 +518,10 @@ TEST(Migration, ADamagedCertificateFileIsItsPackagesProblemOnly) {
         EXPECT_EQ(run.status, 0);
         for (const std::string& cause : {"cannot read " + fifo.string() + ": not a regular file",
                                          garbage.string() + " holds no PEM certificate"})
-            EXPECT_NE(run.err.find("ERROR: couldn't extract a package information required for "
-                                   "migration\nERROR: " +
-                                   cause + "\n"),
-                      std::string::npos)
-                << run.err;
-        EXPECT_NE(run.err.find("INFO: successfully bound harbor-notes package to source"),
-                  std::string::npos);
+            EXPECT_TRUE(logged(run, "ERROR: couldn't extract a package information required for "
+                                    "migration\nERROR: " +
+                                        cause + "\n"));
+        EXPECT_TRUE(logged(run, "INFO: successfully bound harbor-notes package to source"));
         EXPECT_EQ(installedRpms(), (std::vector<std::string>{"harbor-notes", "loose-tool",
                                                              "platform-settings", "quiet-clock"}));
         EXPECT_EQ(runProgram({"rpm", "-V", "harbor-notes", "quiet-clock"}).status, 0);
