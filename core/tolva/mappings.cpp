@@ -123,6 +123,13 @@ private:
                 continue;
             const fs::path mappingPath =
                 fs::path(rule.systemPrefix) / entry.path().lexically_relative(directory);
+            // Where nothing is yet, a symbolic link is made without a look first; a place
+            // that is taken is cleared as any other.
+            if (create && rule.kind == MappingKind::Symlink &&
+                ::symlink(entry.path().c_str(), mappingPath.c_str()) == 0) {
+                created.push_back(mappingPath);
+                continue;
+            }
             clearMappingPath(mappingPath, create, package, versionDirectory.parent_path());
             if (create)
                 map(entry.path(), mappingPath, rule.kind);
