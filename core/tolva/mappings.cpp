@@ -7,7 +7,6 @@
 #include "core/tolva/path_checks.hpp"
 
 #include <algorithm>
-#include <cerrno>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
@@ -124,7 +123,7 @@ private:
             const fs::path mappingPath =
                 fs::path(rule.systemPrefix) / entry.path().lexically_relative(directory);
             // Where nothing is yet, a symbolic link is made without a look first; a place
-            // that is taken is cleared as any other.
+            // that is taken, or a directory that is missing, goes the way of the others.
             if (create && rule.kind == MappingKind::Symlink &&
                 ::symlink(entry.path().c_str(), mappingPath.c_str()) == 0) {
                 created.push_back(mappingPath);
@@ -299,12 +298,6 @@ bool isGeneratedDirectoryOf(const fs::path& directory, const PackageNames& packa
 
 void createMapping(const fs::path& source, const fs::path& mappingPath, MappingKind kind) {
     if (kind == MappingKind::Symlink) {
-        // The directory is made only when it is missing: looking first costs every mapping.
-        if (::symlink(source.c_str(), mappingPath.c_str()) == 0)
-            return;
-        if (errno != ENOENT)
-            throw fs::filesystem_error("cannot create symlink", source, mappingPath,
-                                       std::error_code(errno, std::generic_category()));
         fs::create_directories(mappingPath.parent_path());
         fs::create_symlink(source, mappingPath);
         return;

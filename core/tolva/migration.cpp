@@ -146,9 +146,14 @@ private:
     }
 
     // Whether `path` names something once links are followed; `seen` is what its own name is.
+    // A look that fails for another reason than a missing name throws.
     static bool existsFollowed(const fs::path& path, struct stat& seen) {
-        if (::lstat(path.c_str(), &seen) != 0)
-            return errno != ENOENT && errno != ENOTDIR;
+        if (::lstat(path.c_str(), &seen) != 0) {
+            if (errno == ENOENT || errno == ENOTDIR)
+                return false;
+            throw fs::filesystem_error("status", path,
+                                       std::error_code(errno, std::generic_category()));
+        }
         return !S_ISLNK(seen.st_mode) || fs::exists(fs::status(path));
     }
 
