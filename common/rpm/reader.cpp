@@ -13,6 +13,7 @@
 #include <rpm/rpmmacro.h>
 #include <rpm/rpmtd.h>
 #include <rpm/rpmts.h>
+#include <sqlite3.h>
 
 namespace Common::Rpm {
 
@@ -41,11 +42,22 @@ void keepFromCreatingRpmDatabase(rpmts set) {
     rpmKeyringFree(empty);
 }
 
+// The erase runs inside the database's own write lock (Transaction::run), so librpm's change
+// for each package nests inside one transaction, and SQLite keeps what would undo a nested
+// change in a temporary file once it passes 64 KiB: a write for every page changed, tens of
+// thousands in a large erase. Those stay in memory, up to a bound. SQLite takes this only
+// before its first use; a later call is refused and changes nothing.
+void keepNestedUndoInMemory() {
+    static constexpr int bound = 8 << 20;
+    sqlite3_config(SQLITE_CONFIG_STMTJRNL_SPILL, bound);
+}
+
 } // namespace
 
 void ensureRpmConfiguration() {
     if (rpmConfigurationRead)
         return;
+    keepNestedUndoInMemory();
     if (rpmReadConfigFiles(nullptr, nullptr) == 0) {
         rpmConfigurationRead = true;
         return;
