@@ -125,6 +125,8 @@ private:
     std::vector<std::string> readPreparedRecord() const;
     void writePreparedRecord(const std::vector<std::string>& ids) const;
     void recordWaiting(const std::vector<std::string>& waiting) const;
+    std::vector<std::string> installErasedPackages(const std::vector<PreparedPackage>& prepared,
+                                                   bool erasureTaken) const;
     std::vector<std::string>
     resumeInterruptedMigration(const std::vector<std::string>& recorded) const;
     void cleanUpTemporaryDirectory(const std::vector<std::string>& keep) const;
@@ -132,7 +134,16 @@ private:
     prepareInstalledPackage(const Common::Rpm::Reader& reader, const std::string& id,
                             const PackageSignatures::Database& signatures,
                             const std::vector<std::string>& prepared) const;
+    // The two halves of installPreparedPackage: placing touches nothing but the package's own
+    // directories (its tree, "current", its version directory); mapping fills the system
+    // directories. Either one, failing, puts the files back into the temporary directory.
+    void placePreparedPackage(const PreparedPackage& prepared) const;
+    void mapPlacedPackage(const PreparedPackage& prepared) const;
+    void returnToTemporaryDirectory(const PreparedPackage& prepared) const;
+    // Installs one package (by `install`, else installPreparedPackage) and logs the outcome;
+    // false when it failed and still waits.
     bool migrate(const PreparedPackage& prepared) const;
+    bool migrate(const PreparedPackage& prepared, const std::function<void()>& install) const;
 
     std::filesystem::path root;
     std::filesystem::path temp;

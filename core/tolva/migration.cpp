@@ -201,6 +201,59 @@ std::vector<Common::Rpm::FileIterator::Entry> fileList(const Common::Rpm::Reader
     return files;
 }
 
+bool onOneFileSystem(const fs::path& first, const fs::path& second) {
+    struct stat one {};
+    struct stat other {};
+    return ::stat(first.c_str(), &one) == 0 && ::stat(second.c_str(), &other) == 0 &&
+           one.st_dev == other.st_dev;
+}
+
+// Packages worked on at once: their work is the file system's, which takes several at a time.
+std::size_t packagesAtOnce() {
+    return std::clamp<std::size_t>(std::thread::hardware_concurrency(), 1, 8);
+}
+
+// What a package's work on another thread left: its result or its failure, and its log lines,
+// which wait to be written in the order of the packages, as one thread would have written them.
+template <typename Result> struct Captured {
+    Result result{};
+    std::exception_ptr error;
+    std::string log;
+};
+
+template <typename Result>
+std::future<Captured<Result>> startCaptured(std::function<Result()> work, std::launch policy) {
+    auto task = [work = std::move(work)] {
+        Captured<Result> captured;
+        {
+            const Common::LogCapture capture(captured.log);
+            try {
+                captured.result = work();
+            } catch (...) {
+                captured.error = std::current_exception();
+            }
+        }
+        return captured;
+    };
+    if (policy == std::launch::async) {
+        try {
+            return std::async(std::launch::async, task);
+        } catch (const std::system_error&) {
+            // no thread to be had: the work waits for its turn instead
+        }
+    }
+    return std::async(std::launch::deferred, task);
+}
+
+// Writes what the work logged, then gives its result or throws its failure.
+template <typename Result> Result takeCaptured(std::future<Captured<Result>>& work) {
+    auto captured = work.get();
+    Common::writeCapturedLines(captured.log);
+    if (captured.error)
+        std::rethrow_exception(captured.error);
+    return std::move(captured.result);
+}
+
 } // namespace
 
 void Database::migrateFromRpm() const {
@@ -237,11 +290,51 @@ void Database::migrateFromRpm() const {
     const bool erasureTaken = transaction.run();
     if (!erasureTaken)
         Common::logError("the RPM database did not take the erasure of the migrated packages");
+    const auto notInstalled = installErasedPackages(prepared, erasureTaken);
+    waiting.insert(waiting.end(), notInstalled.begin(), notInstalled.end());
+    recordWaiting(waiting);
+}
+
+// Installs the prepared packages that RPM erased; returns the ids of those that wait, erased or
+// not.
+std::vector<std::string>
+Database::installErasedPackages(const std::vector<PreparedPackage>& prepared,
+                                bool erasureTaken) const {
+    std::vector<std::string> waiting;
     std::vector<std::string> ids;
     for (const auto& package : prepared)
         ids.push_back(package.package.id());
     const auto stillInstalled = Common::Rpm::installedAmong(ids);
-    for (const auto& package : prepared) {
+
+    // The erased packages are placed in their own directories on other threads while those
+    // before them get their mappings: placing touches nothing but a package's own directories,
+    // and the mappings, which go into shared system directories, are made one package after
+    // the other, in the packages' order, as are the log lines.
+    std::error_code ignored; // a failure is each package's to report
+    fs::create_directories(root, ignored);
+    // Across file systems placing is a copy, and copies made at once would compete for room
+    // that one after the other would find: those are placed in turn.
+    const std::size_t atOnce = packagesAtOnce();
+    const auto policy =
+        atOnce > 1 && onOneFileSystem(root, temp) ? std::launch::async : std::launch::deferred;
+    std::deque<std::future<Captured<bool>>> placing;
+    std::size_t ahead = 0; // the first package whose placing has not started
+    const auto placeAhead = [&](std::size_t end) {
+        for (; ahead < std::min(end, prepared.size()); ++ahead) {
+            const PreparedPackage& package = prepared[ahead];
+            if (stillInstalled.contains(package.package.id()))
+                continue;
+            placing.push_back(startCaptured<bool>(
+                [this, &package] {
+                    placePreparedPackage(package);
+                    return true;
+                },
+                policy));
+        }
+    };
+    for (std::size_t index = 0; index < prepared.size(); ++index) {
+        placeAhead(index + 1 + atOnce);
+        const PreparedPackage& package = prepared[index];
         // Still RPM's. Where RPM refused the erasure its files are as they were and the copy is
         // not needed: it is prepared again at the next start. Where the database did not take
         // the erasure, or a file is gone (a scriptlet may remove them and then fail), the copy
@@ -252,11 +345,18 @@ void Database::migrateFromRpm() const {
             if (erasureTaken && Common::Rpm::filesInPlace(package.package.id()))
                 removeQuietly(package.tree);
             waiting.push_back(package.package.id());
-        } else if (!migrate(package)) {
-            waiting.push_back(package.package.id());
+            continue;
         }
+        auto placed = std::move(placing.front());
+        placing.pop_front();
+        const bool migrated = migrate(package, [&] {
+            takeCaptured(placed);
+            mapPlacedPackage(package);
+        });
+        if (!migrated)
+            waiting.push_back(package.package.id());
     }
-    recordWaiting(waiting);
+    return waiting;
 }
 
 // What was installed (its lists were not flushed one by one) must be on the device before the
@@ -330,53 +430,18 @@ namespace {
 // next packages. Its log lines wait with it, so that they come out in the order of the
 // packages, as one thread would have written them.
 struct Preparation {
-    struct Rest {
-        std::optional<PreparedPackage> package;
-        std::exception_ptr error;
-        std::string log;
-    };
-
     std::string id;
     Common::Rpm::HeaderHandle header; // kept beyond the walk over the installed packages
     std::string log;
-    std::future<Rest> rest;
+    std::future<Captured<std::optional<PreparedPackage>>> rest;
 };
-
-// Trees made at once: their making is the file system's work, which takes several at a time.
-std::size_t preparationsAtOnce() {
-    return std::clamp<std::size_t>(std::thread::hardware_concurrency(), 1, 8);
-}
-
-std::future<Preparation::Rest> startRest(std::function<std::optional<PreparedPackage>()> work,
-                                         std::launch policy) {
-    auto task = [work = std::move(work)] {
-        Preparation::Rest rest;
-        {
-            const Common::LogCapture capture(rest.log);
-            try {
-                rest.package = work();
-            } catch (...) {
-                rest.error = std::current_exception();
-            }
-        }
-        return rest;
-    };
-    if (policy == std::launch::async) {
-        try {
-            return std::async(std::launch::async, task);
-        } catch (const std::system_error&) {
-            // no thread to be had: the work waits for its turn instead
-        }
-    }
-    return std::async(std::launch::deferred, task);
-}
 
 } // namespace
 
 std::vector<PreparedPackage>
 Database::preparePackagesForMigration(Common::Rpm::Transaction& transaction) const {
     const PackageSignatures::Database signatures(PackageSignatures::Database::defaultPath);
-    const std::size_t atOnce = preparationsAtOnce();
+    const std::size_t atOnce = packagesAtOnce();
     std::vector<PreparedPackage> prepared;
     std::vector<std::string> ids; // prepared or being prepared
     std::deque<Preparation> pending;
@@ -384,19 +449,16 @@ Database::preparePackagesForMigration(Common::Rpm::Transaction& transaction) con
     const auto finishFirst = [&] {
         Preparation& first = pending.front();
         Common::writeCapturedLines(first.log);
-        auto rest = first.rest.get();
-        Common::writeCapturedLines(rest.log);
         try {
-            if (rest.error)
-                std::rethrow_exception(rest.error);
-            if (rest.package) {
+            auto package = takeCaptured(first.rest);
+            if (package) {
                 try {
                     transaction.addEraseElement(first.header);
                 } catch (...) {
-                    removeQuietly(rest.package->tree);
+                    removeQuietly(package->tree);
                     throw;
                 }
-                prepared.push_back(std::move(*rest.package));
+                prepared.push_back(std::move(*package));
             }
         } catch (const std::exception& error) {
             std::erase(ids, first.id);
@@ -446,7 +508,7 @@ Database::preparePackagesForMigration(Common::Rpm::Transaction& transaction) con
         }
         if (pending.size() >= atOnce)
             finishFirst();
-        preparation.rest = startRest(std::move(rest), policy);
+        preparation.rest = startCaptured(std::move(rest), policy);
         pending.push_back(std::move(preparation));
         return IterationResult::Continue;
     });
@@ -528,6 +590,11 @@ fs::path Database::copyPackageFilesToTempDirectory(const Package& package) const
 }
 
 void Database::installPreparedPackage(const PreparedPackage& prepared) const {
+    placePreparedPackage(prepared);
+    mapPlacedPackage(prepared);
+}
+
+void Database::placePreparedPackage(const PreparedPackage& prepared) const {
     const Package& package = prepared.package;
     const fs::path versioned = versionedDirectoryPath(package.id(), package.version());
     const fs::path current = root / package.id() / currentEntryName;
@@ -551,27 +618,47 @@ void Database::installPreparedPackage(const PreparedPackage& prepared) const {
             finishLinkedFiles(prepared.tree, package.id());
             createVersionedDirectory(package.id(), package.version(), prepared.tree);
         }
-        createMappings(versioned, package, false, ListFlush::ByCaller);
     } catch (...) {
-        // Back to the temporary directory, where the next start finds it. A version directory
-        // that cannot go back stays, with "current", and gets its mappings next time.
-        std::error_code error;
-        if (!fs::exists(prepared.tree, error) && fs::exists(versioned, error))
-            fs::rename(versioned, prepared.tree, error);
-        if (fs::exists(prepared.tree, error)) {
-            if (fs::read_symlink(current, error) == versioned)
-                fs::remove(current, error);
-            fs::remove(current.parent_path(), error); // only when empty
-        }
+        returnToTemporaryDirectory(prepared);
         throw;
     }
 }
 
-// Installs one package and logs the outcome; false when it failed and still waits.
+void Database::mapPlacedPackage(const PreparedPackage& prepared) const {
+    try {
+        createMappings(versionedDirectoryPath(prepared.package.id(), prepared.package.version()),
+                       prepared.package, false, ListFlush::ByCaller);
+    } catch (...) {
+        returnToTemporaryDirectory(prepared);
+        throw;
+    }
+}
+
+// Where the next start finds the package again. A version directory that cannot go back stays,
+// with "current", and gets its mappings next time.
+void Database::returnToTemporaryDirectory(const PreparedPackage& prepared) const {
+    const Package& package = prepared.package;
+    const fs::path versioned = versionedDirectoryPath(package.id(), package.version());
+    const fs::path current = root / package.id() / currentEntryName;
+    std::error_code error;
+    if (!fs::exists(prepared.tree, error) && fs::exists(versioned, error))
+        fs::rename(versioned, prepared.tree, error);
+    if (fs::exists(prepared.tree, error)) {
+        if (fs::read_symlink(current, error) == versioned)
+            fs::remove(current, error);
+        fs::remove(current.parent_path(), error); // only when empty
+    }
+}
+
 bool Database::migrate(const PreparedPackage& prepared) const {
+    return migrate(prepared, [&] { installPreparedPackage(prepared); });
+}
+
+bool Database::migrate(const PreparedPackage& prepared,
+                       const std::function<void()>& install) const {
     const std::string& id = prepared.package.id();
     try {
-        installPreparedPackage(prepared);
+        install();
     } catch (const std::exception& error) {
         LogLine(LogLevel::Error) << "failed to migrate " << id << " package from RPM to Tolva";
         LogLine(LogLevel::Error) << error;

@@ -249,6 +249,33 @@ TEST(Migration, APackageThatFailsToInstallWaitsForTheNextStart) {
     });
 }
 
+TEST(Migration, APackageThatCannotBePlacedWaitsWhileTheNextOneIsPlacedBesideIt) {
+    onSampleDevice([&] {
+        // A directory where quiet-clock's "current" goes stops it before its mappings, while
+        // harbor-notes, after it, is already being placed.
+        fs::create_directories("/opt/app/quiet-clock/current/kept");
+        const auto failed = launch();
+        EXPECT_EQ(failed.status, 1);
+        // Each line where one package after the other would have written it.
+        std::size_t at = 0;
+        for (const char* line : {"[/opt/app/quiet-clock/current]\n",
+                                 "ERROR: failed to migrate quiet-clock package from RPM to Tolva\n",
+                                 "ERROR: couldn't create current directory: "
+                                 "/opt/app/quiet-clock/current\n",
+                                 "INFO: package harbor-notes successfully migrated"}) {
+            at = failed.err.find(line, at);
+            ASSERT_NE(at, std::string::npos) << line << " in order in:\n" << failed.err;
+        }
+        EXPECT_TRUE(fs::exists("/opt/tolva/tmp/quiet-clock/velmor.pkg"));
+        EXPECT_TRUE(fs::exists("/opt/app/harbor-notes/current/velmor.pkg"));
+
+        fs::remove_all("/opt/app/quiet-clock");
+        const auto resumed = launch();
+        EXPECT_EQ(resumed.status, 0) << resumed.err;
+        EXPECT_EQ(readFile("/usr/bin/quiet-clock"), "#!/bin/sh\necho tick\n");
+    });
+}
+
 TEST(Migration, AnErasureThatLeavesRpmListingAPackageWithoutItsFilesKeepsItsCopy) {
     onSampleDevice([&] {
         const auto before = installedFiles();
