@@ -15,7 +15,9 @@
 // /usr here) and on another one ("separate": /opt, the default). Prints the medians, the
 // ratios (targets: migration at most 1.1 x rpm -e + cp everywhere, at most 1.3 x rpm -e where
 // the file system is shared) and the launcher's peak resident memory (target under 64 MiB),
-// then a table of wall time and memory against the number of packages and files.
+// then a table of wall time and memory against the number of packages and files. The ratios
+// are also given round by round (the median of each round's own ratio): a second view where
+// the host's disk makes single runs spread widely.
 //
 //   bench_migration [ROUNDS] [SIZE...]   SIZE: APPSxFILES, or large:MIB for one app holding a
 //   file of MIB MiB; defaults 3 20x30 100x60 300x100 large:1024 (needs root)
@@ -50,6 +52,7 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <tuple>
 #include <unistd.h>
 #include <vector>
 
@@ -502,6 +505,17 @@ const char* nameOf(Way way) {
     return "rpm -e";
 }
 
+// Each round runs every way once, one after the other: a ratio per round compares runs made
+// close together.
+std::vector<double> pairedRatios(const Timings& timings, Way over) {
+    const auto& migration = timings.seconds.at(Way::Migration);
+    const auto& other = timings.seconds.at(over);
+    std::vector<double> ratios;
+    for (std::size_t round = 0; round < migration.size(); ++round)
+        ratios.push_back(migration[round] / other[round]);
+    return ratios;
+}
+
 Row report(const Device& device, Layout layout, const Timings& timings) {
     const bool shared = layout == Layout::Shared;
     std::printf("%s (%zu files, %.1f MiB), database on %s:\n", device.size.label().c_str(),
@@ -520,6 +534,19 @@ Row report(const Device& device, Layout layout, const Timings& timings) {
     if (shared)
         std::printf("; migration / rpm -e %.2f (target at most 1.30; names alone / rpm -e %.2f)",
                     migration / erase, median(timings.seconds.at(Way::NamesAlone)) / erase);
+    const auto paired = [&](Way over) {
+        const auto ratios = pairedRatios(timings, over);
+        return std::make_tuple(median(ratios), *std::min_element(ratios.begin(), ratios.end()),
+                               *std::max_element(ratios.begin(), ratios.end()));
+    };
+    const auto [againstPair, pairMin, pairMax] = paired(Way::EraseAndCopy);
+    std::printf("\n  round by round: migration / (rpm -e + cp) median %.2f (min %.2f, max %.2f)",
+                againstPair, pairMin, pairMax);
+    if (shared) {
+        const auto [againstErase, eraseMin, eraseMax] = paired(Way::Erase);
+        std::printf("; migration / rpm -e median %.2f (min %.2f, max %.2f)", againstErase, eraseMin,
+                    eraseMax);
+    }
     const double peak = median(timings.peakMiB);
     std::printf("\n  launcher peak resident memory %.1f MiB (max %.1f; target under 64; the "
                 "forking process had %.1f MiB)\n",
