@@ -28,6 +28,13 @@ TestSupport::ProcessResult launch() {
     return runProgram({TOLVA_MIGRATE});
 }
 
+// A start that completes the run; what it logged is shown when it does not.
+TestSupport::ProcessResult completedLaunch() {
+    auto run = launch();
+    EXPECT_EQ(run.status, 0) << run.err;
+    return run;
+}
+
 // The launcher with the file at `path` removed as it first reads it.
 TestSupport::ProcessResult launchVanishing(const fs::path& path) {
     return runProgram(
@@ -238,8 +245,7 @@ TEST(Migration, APackageThatFailsToInstallWaitsForTheNextStart) {
         fs::rename("/opt/tolva/velmor.pkg", data);
 
         fs::remove(blocker);
-        const auto resumed = launch();
-        EXPECT_EQ(resumed.status, 0) << resumed.err;
+        const auto resumed = completedLaunch();
         EXPECT_TRUE(logged(resumed, "INFO: package harbor-notes successfully migrated"));
         EXPECT_TRUE(fs::exists(stamp));
         EXPECT_EQ(readFile("/usr/bin/harbor-notes"), "#!/bin/sh\necho notes\n");
@@ -270,8 +276,7 @@ TEST(Migration, APackageThatCannotBePlacedWaitsWhileTheNextOneIsPlacedBesideIt) 
         EXPECT_TRUE(fs::exists("/opt/app/harbor-notes/current/velmor.pkg"));
 
         fs::remove_all("/opt/app/quiet-clock");
-        const auto resumed = launch();
-        EXPECT_EQ(resumed.status, 0) << resumed.err;
+        completedLaunch();
         EXPECT_EQ(readFile("/usr/bin/quiet-clock"), "#!/bin/sh\necho tick\n");
     });
 }
@@ -293,8 +298,7 @@ TEST(Migration, AnErasureThatLeavesRpmListingAPackageWithoutItsFilesKeepsItsCopy
         EXPECT_EQ(readFile("/opt/tolva/tmp/harbor-notes/bin/harbor-notes"),
                   "#!/bin/sh\necho notes\n");
 
-        const auto resumed = launch();
-        EXPECT_EQ(resumed.status, 0) << resumed.err;
+        completedLaunch();
         EXPECT_EQ(installedRpms(), (std::vector<std::string>{"loose-tool", "platform-settings"}));
         for (const auto& [path, file] : before)
             EXPECT_EQ(readFile(fs::canonical(path)), file.content) << path;
@@ -310,8 +314,7 @@ TEST(Migration, AnErasureThatLeavesRpmListingAPackageWithoutItsFilesKeepsItsCopy
         EXPECT_FALSE(fs::exists("/usr/bin/quiet-clock"));
 
         fs::remove("/etc/quiet-clock.keep");
-        const auto resumed = launch();
-        EXPECT_EQ(resumed.status, 0) << resumed.err;
+        completedLaunch();
         EXPECT_EQ(readFile("/usr/bin/quiet-clock"), "#!/bin/sh\necho tick\n");
     });
 }
@@ -375,8 +378,7 @@ TEST(Migration, ATemporaryDirectoryOnAnotherFileSystem) {
     onSampleDevice([&] {
         TestSupport::mountFresh("tmpfs", "/opt/tolva/tmp");
         const auto before = installedFiles();
-        const auto run = launch();
-        EXPECT_EQ(run.status, 0) << run.err;
+        completedLaunch();
         for (const auto& [path, file] : before)
             EXPECT_EQ(readFile(path), file.content) << path;
         EXPECT_TRUE(
@@ -452,8 +454,7 @@ TEST(Migration, ARootThatIsFullReadOnlyOrWithoutAttributesLosesNothingAndIsRetri
         EXPECT_TRUE(fs::exists("/opt/tolva/tmp/harbor-notes/bin/harbor-notes"));
 
         ASSERT_EQ(::mount(nullptr, "/opt/app", nullptr, MS_REMOUNT, "size=10m"), 0);
-        const auto retried = launch();
-        EXPECT_EQ(retried.status, 0) << retried.err;
+        completedLaunch();
         EXPECT_EQ(readFile("/usr/bin/harbor-notes"), "#!/bin/sh\necho notes\n");
         EXPECT_EQ(readFile("/usr/bin/quiet-clock"), "#!/bin/sh\necho tick\n");
         EXPECT_TRUE(fs::exists(stamp));
@@ -524,8 +525,7 @@ TEST(Migration, OnTheInstalledFilesFileSystemLinksAndLeavesAPackageThatStaysUnto
 
         // Once RPM lets it go, the next start moves it.
         fs::remove("/etc/quiet-clock.keep");
-        const auto retried = launch();
-        EXPECT_EQ(retried.status, 0) << retried.err;
+        completedLaunch();
         EXPECT_EQ(readFile("/usr/tolva/app/quiet-clock/0.9-2/bin/quiet-clock"),
                   "#!/bin/sh\necho tick\n");
         EXPECT_TRUE(fs::exists(stamp));
