@@ -7,6 +7,7 @@
 #include "core/tolva/path_checks.hpp"
 
 #include <algorithm>
+#include <set>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
@@ -19,6 +20,16 @@ namespace {
 
 [[noreturn]] void fail(std::string&& message) {
     throw Common::Error(Common::ErrorCode::Filesystem, std::move(message));
+}
+
+// No directory between `path` and the root is a symbolic link.
+bool hasNoLinkedDirectory(const fs::path& path) {
+    std::error_code error;
+    return fs::weakly_canonical(path.parent_path(), error) == path.parent_path() && !error;
+}
+
+[[noreturn]] void refuseOverride(const fs::path& mappingPath) {
+    fail("attempt to override system file with package mapping: " + mappingPath.string());
 }
 
 // A relative link target that names a neighbour (libfoo.so -> libfoo.so.1) stays valid when
@@ -79,7 +90,7 @@ void clearMappingPath(const fs::path& mappingPath, bool aboutToCreate, const Pac
     if (!somethingThere && !aboutToCreate)
         return;
     if (classifyListedMapping(mappingPath, package, packageDirectory) != ListedMapping::Mapping)
-        fail("attempt to override system file with package mapping: " + mappingPath.string());
+        refuseOverride(mappingPath);
     try {
         fs::remove(mappingPath);
     } catch (const std::exception& error) {
@@ -122,6 +133,8 @@ private:
                 continue;
             const fs::path mappingPath =
                 fs::path(rule.systemPrefix) / entry.path().lexically_relative(directory);
+            if (create)
+                checkPlace(mappingPath);
             // Where nothing is yet, a symbolic link is made without a look first; a place
             // that is taken, or a directory that is missing, goes the way of the others.
             if (create && rule.kind == MappingKind::Symlink &&
@@ -133,6 +146,18 @@ private:
             if (create)
                 map(entry.path(), mappingPath, rule.kind);
         }
+    }
+
+    // A directory on the way that is a symbolic link (a package's own directory in /usr/share,
+    // say, made a link to /etc) would take the mapping, and everything made under it, out of
+    // its place: it is refused as an override, before anything is made through it.
+    void checkPlace(const fs::path& mappingPath) {
+        const fs::path directory = mappingPath.parent_path();
+        if (placesChecked.contains(directory))
+            return;
+        if (!hasNoLinkedDirectory(mappingPath))
+            refuseOverride(mappingPath);
+        placesChecked.insert(directory);
     }
 
     void map(const fs::path& source, const fs::path& mappingPath, MappingKind kind) {
@@ -169,6 +194,7 @@ private:
     const std::vector<MappingRule> table;
     const std::vector<MappingRule> everyRule;
     std::vector<fs::path> created;
+    std::set<fs::path> placesChecked;
     bool causeLogged = false;
 };
 
@@ -241,12 +267,6 @@ bool isMapping(const fs::path& path) {
 }
 
 namespace {
-
-// No directory between `path` and the root is a symbolic link.
-bool hasNoLinkedDirectory(const fs::path& path) {
-    std::error_code error;
-    return fs::weakly_canonical(path.parent_path(), error) == path.parent_path() && !error;
-}
 
 bool isPlainName(const fs::path& target) {
     const std::string& text = target.native();

@@ -153,6 +153,20 @@ TEST(CreateMappings, ReplacesLeftoverMappingsButNeverASystemFile) {
         EXPECT_FALSE(present("/usr/lib/3rdparty/demo.clash/libz.so"));
         EXPECT_FALSE(present(clash / "symlink.list"));
 
+        // A directory on the way that is a link would take the mappings out of their place:
+        // nothing is made through it.
+        const fs::path away = "/opt/app/demo.away/1-1";
+        writeFile(away / "bin/away", "tool");
+        writeFile(away / "data/job", "package");
+        fs::create_directories("/etc/away");
+        fs::create_symlink("/etc/away", "/usr/share/demo.away");
+        EXPECT_EQ(failedRun(away, "demo.away"),
+                  "ERROR: attempt to override system file with package mapping: "
+                  "/usr/share/demo.away/job\n"
+                  "INFO: cleaning up created mappings\n");
+        EXPECT_TRUE(fs::is_empty("/etc/away"));
+        EXPECT_FALSE(present("/usr/bin/away"));
+
         // A leftover that cannot be removed stops the run as well.
         const fs::path stuck = "/opt/app/demo.stuck/1-1";
         writeFile(stuck / "bin/stuck", "tool");
