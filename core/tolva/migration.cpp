@@ -601,6 +601,11 @@ void Database::placePreparedPackage(const PreparedPackage& prepared) const {
     // "current" is made before the files arrive: a package directory is never without it, so
     // that the repair pass cannot mistake an install in progress for damage.
     try {
+        // A link standing for the package's directory would take the package out of the root.
+        // It is an unexpected entry, which the repair pass clears: the next start places it.
+        if (fs::is_symlink(fs::symlink_status(current.parent_path())))
+            throw fs::filesystem_error("cannot create directories", current.parent_path(),
+                                       std::make_error_code(std::errc::file_exists));
         fs::create_directories(current.parent_path());
         const bool made =
             fs::is_symlink(fs::symlink_status(current)) && fs::read_symlink(current) == versioned;

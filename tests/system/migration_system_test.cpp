@@ -48,6 +48,14 @@ testing::AssertionResult logged(const TestSupport::ProcessResult& run, const std
     return testing::AssertionFailure() << "no \"" << text << "\" in:\n" << run.err;
 }
 
+// A start that must stop short of done, having logged `line`.
+TestSupport::ProcessResult failedLaunch(const std::string& line) {
+    auto run = launch();
+    EXPECT_EQ(run.status, 1);
+    EXPECT_TRUE(logged(run, line));
+    return run;
+}
+
 std::string keyId(const std::string& certificate) {
     return PackageSignatures::Certificate::fromPem(
                readFile(TestSupport::TestPki::shared().certificate(certificate)))
@@ -209,10 +217,9 @@ TEST(Migration, APackageThatFailsToInstallWaitsForTheNextStart) {
         const fs::path blocker = "/usr/lib64/3rdparty/harbor-notes/libnotes.so.1";
         TestSupport::writeFile(blocker, "system file");
 
-        const auto failed = launch();
-        EXPECT_EQ(failed.status, 1);
-        EXPECT_TRUE(logged(failed, "ERROR: attempt to override system file with package mapping: " +
-                                       blocker.string() + "\n"));
+        const auto failed = failedLaunch(
+            "ERROR: attempt to override system file with package mapping: " + blocker.string() +
+            "\n");
         const std::string ending =
             "ERROR: package harbor-notes waits to be migrated at the next start\n"
             "ERROR: the migration from RPM to Tolva is not complete\n"
@@ -281,6 +288,22 @@ TEST(Migration, APackageThatCannotBePlacedWaitsWhileTheNextOneIsPlacedBesideIt) 
     });
 }
 
+TEST(Migration, APackageDirectoryThatIsALinkIsNeitherFollowedNorTheEndOfTheApp) {
+    onSampleDevice([&] {
+        fs::create_directories("/etc/away");
+        fs::create_directories("/opt/app");
+        fs::create_directory_symlink("/etc/away", "/opt/app/quiet-clock");
+        failedLaunch("ERROR: couldn't create current directory: /opt/app/quiet-clock/current\n");
+        EXPECT_TRUE(fs::is_empty("/etc/away"));
+        EXPECT_TRUE(fs::exists("/opt/tolva/tmp/quiet-clock/velmor.pkg"));
+
+        // The repair pass has cleared the link: the next start places the app.
+        completedLaunch();
+        EXPECT_TRUE(fs::is_empty("/etc/away"));
+        EXPECT_EQ(readFile("/usr/bin/quiet-clock"), "#!/bin/sh\necho tick\n");
+    });
+}
+
 TEST(Migration, AnErasureThatLeavesRpmListingAPackageWithoutItsFilesKeepsItsCopy) {
     onSampleDevice([&] {
         const auto before = installedFiles();
@@ -307,10 +330,7 @@ TEST(Migration, AnErasureThatLeavesRpmListingAPackageWithoutItsFilesKeepsItsCopy
     onSampleDevice([&] {
         // quiet-clock's %preun removes its binary, then refuses the erase.
         TestSupport::writeFile("/etc/quiet-clock.keep", "wipe");
-        const auto refused = launch();
-        EXPECT_EQ(refused.status, 1);
-        EXPECT_TRUE(logged(refused, "WARN: package quiet-clock is still installed by RPM after its "
-                                    "erasure\n"));
+        failedLaunch("WARN: package quiet-clock is still installed by RPM after its erasure\n");
         EXPECT_FALSE(fs::exists("/usr/bin/quiet-clock"));
 
         fs::remove("/etc/quiet-clock.keep");
@@ -438,9 +458,8 @@ TEST(Migration, ARootThatIsFullReadOnlyOrWithoutAttributesLosesNothingAndIsRetri
 
         // Room for quiet-clock, not for harbor-notes' data.
         TestSupport::mountFresh("tmpfs", "/opt/app", "size=200k");
-        const auto full = launch();
-        EXPECT_EQ(full.status, 1);
-        EXPECT_TRUE(logged(full, "ERROR: couldn't create versioned directory: " + notes.string()));
+        const auto full =
+            failedLaunch("ERROR: couldn't create versioned directory: " + notes.string());
         EXPECT_TRUE(logged(full, "INFO: package quiet-clock successfully migrated"));
         EXPECT_FALSE(fs::exists("/opt/app/harbor-notes"));
         EXPECT_EQ(readFile("/opt/tolva/tmp/harbor-notes/bin/harbor-notes"),
