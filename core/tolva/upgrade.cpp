@@ -245,7 +245,8 @@ fs::path Database::packageDirectory(const std::string& id) const {
     const fs::path relative = fs::path(id).relative_path();
     checkPathComponent(relative.string(), "package id");
     const fs::path directory = root / relative;
-    if (!isThere(directory))
+    // A link in the root is no package directory: the repair pass clears it, never follows it.
+    if (!isThere(directory) || isLink(directory))
         throw Error(ErrorCode::PackageNotExist, "couldn't find package directory: " + id);
     if (!isThere(directory / currentEntryName)) {
         cleanUpCorruptedPackage(directory);

@@ -83,6 +83,12 @@ TEST(Upgrade, PackageDirectoriesUpgradeChecksCompletionAndRemoval) {
         EXPECT_EQ(db.packageDirectory("/demo"), demo);
         EXPECT_EQ(errorOf([&] { db.packageDirectory("absent"); }, ErrorCode::PackageNotExist),
                   "couldn't find package directory: absent");
+        // A link in the root is no package: what it leads to is never upgraded or removed.
+        fs::create_directories("/etc/away/1.0-1");
+        fs::create_directory_symlink("/etc/away/1.0-1", "/etc/away/current");
+        fs::create_directory_symlink("/etc/away", "/opt/app/linked");
+        EXPECT_EQ(errorOf([&] { db.packageDirectory("linked"); }, ErrorCode::PackageNotExist),
+                  "couldn't find package directory: linked");
         // Ids that would name the root itself or leave it.
         for (const std::string id : {"", "/", "..", "/../etc", "demo/current"})
             errorOf([&] { db.packageDirectory(id); }, ErrorCode::BadPackage);
