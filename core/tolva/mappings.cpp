@@ -22,12 +22,6 @@ namespace {
     throw Common::Error(Common::ErrorCode::Filesystem, std::move(message));
 }
 
-// No directory between `path` and the root is a symbolic link.
-bool hasNoLinkedDirectory(const fs::path& path) {
-    std::error_code error;
-    return fs::weakly_canonical(path.parent_path(), error) == path.parent_path() && !error;
-}
-
 [[noreturn]] void refuseOverride(const fs::path& mappingPath) {
     fail("attempt to override system file with package mapping: " + mappingPath.string());
 }
@@ -134,7 +128,7 @@ private:
             const fs::path mappingPath =
                 fs::path(rule.systemPrefix) / entry.path().lexically_relative(directory);
             if (create)
-                checkPlace(mappingPath);
+                checkPlace(rule, mappingPath);
             // Where nothing is yet, a symbolic link is made without a look first; a place
             // that is taken, or a directory that is missing, goes the way of the others.
             if (create && rule.kind == MappingKind::Symlink &&
@@ -148,16 +142,36 @@ private:
         }
     }
 
-    // A directory on the way that is a symbolic link (a package's own directory in /usr/share,
-    // say, made a link to /etc) would take the mapping, and everything made under it, out of
-    // its place: it is refused as an override, before anything is made through it.
-    void checkPlace(const fs::path& mappingPath) {
+    // A directory on the way named by the package (its own directory in /usr/share, say, or one
+    // of its tree) that is a symbolic link, to /etc perhaps, would take the mapping and all made
+    // under it out of its place: it is refused as an override, before anything is made through
+    // it. The platform's own directories are its layout, followed as they stand.
+    void checkPlace(const MappingRule& rule, const fs::path& mappingPath) {
         const fs::path directory = mappingPath.parent_path();
         if (placesChecked.contains(directory))
             return;
-        if (!hasNoLinkedDirectory(mappingPath))
-            refuseOverride(mappingPath);
+        fs::path at = platformDirectory(rule);
+        for (const auto& name : directory.lexically_relative(at)) {
+            at /= name;
+            std::error_code error;
+            const auto status = fs::symlink_status(at, error);
+            if (fs::is_symlink(status))
+                refuseOverride(mappingPath);
+            if (!fs::exists(status))
+                break; // made below here by this run
+        }
         placesChecked.insert(directory);
+    }
+
+    // A row's place up to the first name that comes from the package.
+    fs::path platformDirectory(const MappingRule& rule) const {
+        fs::path directory;
+        for (const auto& name : fs::path(rule.systemPrefix).parent_path()) {
+            if (name == package.id || name == package.orgName || name == package.appName)
+                break;
+            directory /= name;
+        }
+        return directory;
     }
 
     void map(const fs::path& source, const fs::path& mappingPath, MappingKind kind) {
@@ -267,6 +281,12 @@ bool isMapping(const fs::path& path) {
 }
 
 namespace {
+
+// No directory between `path` and the root is a symbolic link.
+bool hasNoLinkedDirectory(const fs::path& path) {
+    std::error_code error;
+    return fs::weakly_canonical(path.parent_path(), error) == path.parent_path() && !error;
+}
 
 bool isPlainName(const fs::path& target) {
     const std::string& text = target.native();

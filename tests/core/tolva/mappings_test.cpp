@@ -166,6 +166,16 @@ TEST(CreateMappings, ReplacesLeftoverMappingsButNeverASystemFile) {
                   "INFO: cleaning up created mappings\n");
         EXPECT_TRUE(fs::is_empty("/etc/away"));
         EXPECT_FALSE(present("/usr/bin/away"));
+        // The platform's own directories are its layout, links or not.
+        fs::create_directories("/usr/share/icons/moved");
+        fs::create_directories("/usr/share/icons/hicolor/86x86");
+        fs::create_directory_symlink("/usr/share/icons/moved",
+                                     "/usr/share/icons/hicolor/86x86/apps");
+        writeFile(away / "icons/hicolor/86x86/apps/away.png", "icon");
+        fs::remove_all(away / "data");
+        createMappings(away, {"demo.away", {}, {}});
+        EXPECT_TRUE(isLinkTo("/usr/share/icons/moved/away.png",
+                             away / "icons/hicolor/86x86/apps/away.png"));
 
         // A leftover that cannot be removed stops the run as well.
         const fs::path stuck = "/opt/app/demo.stuck/1-1";
