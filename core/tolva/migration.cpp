@@ -617,8 +617,9 @@ void Database::placePreparedPackage(const PreparedPackage& prepared) const {
                     "couldn't create current directory: " + current.string());
     }
     try {
-        if (hasPackageData(versioned))
-            removeQuietly(prepared.tree); // moved there by an interrupted run
+        // Moved there by an interrupted run; a link standing there is no such directory.
+        if (fs::is_directory(fs::symlink_status(versioned)) && hasPackageData(versioned))
+            removeQuietly(prepared.tree);
         else {
             finishLinkedFiles(prepared.tree, package.id());
             createVersionedDirectory(package.id(), package.version(), prepared.tree);

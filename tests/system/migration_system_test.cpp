@@ -288,7 +288,7 @@ TEST(Migration, APackageThatCannotBePlacedWaitsWhileTheNextOneIsPlacedBesideIt) 
     });
 }
 
-TEST(Migration, APackageDirectoryThatIsALinkIsNeitherFollowedNorTheEndOfTheApp) {
+TEST(Migration, ALinkWhereAPackageGoesIsNeitherFollowedNorTheEndOfTheApp) {
     onSampleDevice([&] {
         fs::create_directories("/etc/away");
         fs::create_directories("/opt/app");
@@ -300,6 +300,18 @@ TEST(Migration, APackageDirectoryThatIsALinkIsNeitherFollowedNorTheEndOfTheApp) 
         // The repair pass has cleared the link: the next start places the app.
         completedLaunch();
         EXPECT_TRUE(fs::is_empty("/etc/away"));
+        EXPECT_EQ(readFile("/usr/bin/quiet-clock"), "#!/bin/sh\necho tick\n");
+    });
+    onSampleDevice([&] {
+        // A link where the version directory goes is not one that an earlier run moved there.
+        TestSupport::writeFile("/etc/away/velmor.pkg", "not the app");
+        fs::create_directories("/opt/app/quiet-clock");
+        fs::create_directory_symlink("/etc/away", "/opt/app/quiet-clock/0.9-2");
+        failedLaunch("ERROR: couldn't create versioned directory: /opt/app/quiet-clock/0.9-2\n");
+        EXPECT_TRUE(fs::exists("/opt/tolva/tmp/quiet-clock/velmor.pkg"));
+
+        completedLaunch();
+        EXPECT_EQ(readFile("/etc/away/velmor.pkg"), "not the app");
         EXPECT_EQ(readFile("/usr/bin/quiet-clock"), "#!/bin/sh\necho tick\n");
     });
 }
