@@ -167,7 +167,8 @@ private:
     fs::path platformDirectory(const MappingRule& rule) const {
         fs::path directory;
         for (const auto& name : fs::path(rule.systemPrefix).parent_path()) {
-            if (name == package.id || name == package.orgName || name == package.appName)
+            const std::string& text = name.native();
+            if (text == package.id || text == package.orgName || text == package.appName)
                 break;
             directory /= name;
         }
