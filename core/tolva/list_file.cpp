@@ -41,6 +41,8 @@ void writeLines(const fs::path& file, const std::vector<fs::path>& paths, const 
     list.close();
     if (!list || (flush == ListFlush::BeforeRename && !syncToDisk(file)))
         fail(writeFailure);
+    if (flush == ListFlush::WithFileSystemBeforeRename)
+        Common::syncFileSystem(file.parent_path());
 }
 
 } // namespace

@@ -8,10 +8,12 @@
 
 namespace Core::Tolva {
 
-// Whether a list is flushed to the disk before it takes its name, or left to the caller, which
-// flushes the whole file system before anything relies on the list (the migration does, once
-// for all its packages, where a flush per list would cost more than the rest of its work).
-enum class ListFlush { BeforeRename, ByCaller };
+// Whether a list is flushed to the disk before it takes its name, alone or with everything
+// written to its file system (what it names may be waiting there too: one flush takes both), or
+// left to the caller, which flushes the whole file system before anything relies on the list
+// (the migration does, once for all its packages, where a flush per list would cost more than
+// the rest of its work).
+enum class ListFlush { BeforeRename, WithFileSystemBeforeRename, ByCaller };
 
 // Writes `paths` to `file`, each as its plain text followed by a newline, flushing after every
 // line. The lines go to a temporary file next to `file` that is renamed over it once complete,

@@ -284,7 +284,6 @@ void Database::migrateFromRpm() const {
     std::vector<std::string> recorded = waiting;
     for (const auto& package : prepared)
         recorded.push_back(package.package.id());
-    Common::syncFileSystem(temp);
     writePreparedRecord(recorded);
 
     const bool erasureTaken = transaction.run();
@@ -698,7 +697,9 @@ std::vector<std::string> Database::readPreparedRecord() const {
 }
 
 // The record is replaced as a whole and flushed, so that it names either the old set of
-// packages or the new one. An empty set removes it.
+// packages or the new one; the flush before it takes its name is the temporary directory's
+// whole file system, so that the trees it names are on the device before it is. An empty set
+// removes it.
 void Database::writePreparedRecord(const std::vector<std::string>& ids) const {
     const fs::path record = preparedRecordPath();
     try {
@@ -708,7 +709,8 @@ void Database::writePreparedRecord(const std::vector<std::string>& ids) const {
         }
         std::vector<fs::path> lines(ids.begin(), ids.end());
         writeListFile(record, lines, "couldn't open the record of prepared packages",
-                      "couldn't write the record of prepared packages");
+                      "couldn't write the record of prepared packages",
+                      ListFlush::WithFileSystemBeforeRename);
         Common::syncFileSystem(temp);
     } catch (const Error&) {
         throw;
