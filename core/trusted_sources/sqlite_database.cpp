@@ -50,6 +50,15 @@ template <typename Write> void inTransaction(SQLite::Database& database, Write&&
     transaction.commit();
 }
 
+void logUninitialised(const std::exception& cause) {
+    Common::logError("couldn't initialize trusted sources database");
+    Common::LogLine(Common::LogLevel::Error) << cause;
+}
+
+[[noreturn]] void throwUninitialised() {
+    throw TSError(TSErrorKind::Database, "trusted sources database not initialized");
+}
+
 } // namespace
 
 SQLiteDatabase::SQLiteDatabase() : SQLiteDatabase(defaultPath) {}
@@ -58,12 +67,21 @@ SQLiteDatabase::SQLiteDatabase(const std::string& path) {
     try {
         open(path);
     } catch (const std::exception& error) {
-        Common::logError("couldn't initialize trusted sources database");
-        Common::LogLine(Common::LogLevel::Error) << error;
+        logUninitialised(error);
+        newTablesPending = false;
         database.reset();
     } catch (...) {
+        newTablesPending = false;
         database.reset();
         throw;
+    }
+}
+
+SQLiteDatabase::~SQLiteDatabase() {
+    try {
+        commitNewTables();
+    } catch (const TSError&) {
+        // logged where the store was found uninitialised
     }
 }
 
@@ -75,8 +93,27 @@ void SQLiteDatabase::open(const std::string& path) {
     database.emplace(path, SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE);
     guarded("couldn't enable foreign keys in the trusted sources database",
             [&] { database->exec("PRAGMA foreign_keys = ON"); });
-    if (schemaVersion() == 0)
+    if (schemaVersion() == 0) {
+        // The tables wait for the writes of the first batch, to reach the disk in one flush
+        // with them instead of one each.
+        database->exec("BEGIN");
+        newTablesPending = true;
         migrateToV1();
+    }
+}
+
+// A store whose tables cannot be committed is one that could not be initialised.
+void SQLiteDatabase::commitNewTables() {
+    if (!newTablesPending)
+        return;
+    newTablesPending = false;
+    try {
+        database->exec("COMMIT");
+    } catch (const std::exception& error) {
+        logUninitialised(error);
+        database.reset();
+        throwUninitialised();
+    }
 }
 
 int SQLiteDatabase::schemaVersion() {
@@ -116,6 +153,24 @@ void SQLiteDatabase::batch(const std::function<void()>& work) {
         work();
         return;
     }
+    if (newTablesPending) {
+        newTablesPending = false;
+        try {
+            work();
+        } catch (...) {
+            database.reset(); // the tables go with the writes: the store was never made
+            throw;
+        }
+        guarded("couldn't commit to the trusted sources database", [&] {
+            try {
+                database->exec("COMMIT");
+            } catch (...) {
+                database.reset();
+                throw;
+            }
+        });
+        return;
+    }
     std::optional<SQLite::Transaction> transaction;
     guarded("couldn't begin a transaction in the trusted sources database",
             [&] { transaction.emplace(*database); });
@@ -125,7 +180,8 @@ void SQLiteDatabase::batch(const std::function<void()>& work) {
 
 SQLite::Database& SQLiteDatabase::connection() {
     if (!database)
-        throw TSError(TSErrorKind::Database, "trusted sources database not initialized");
+        throwUninitialised();
+    commitNewTables();
     return *database;
 }
 

@@ -18,6 +18,9 @@ public:
     // a store that could not be opened throws "trusted sources database not initialized".
     SQLiteDatabase();
     explicit SQLiteDatabase(const std::string& path);
+    SQLiteDatabase(const SQLiteDatabase&) = delete;
+    SQLiteDatabase& operator=(const SQLiteDatabase&) = delete;
+    ~SQLiteDatabase() override;
 
     bool isOpen() const { return database.has_value(); }
 
@@ -35,16 +38,21 @@ public:
 
     // Runs `work` with every write of this store in one transaction: one flush to the disk
     // for all of them instead of one each. A write that fails is undone alone, as without a
-    // batch; when `work` throws, or the commit fails (TSError), none of them is kept.
+    // batch; when `work` throws, or the commit fails (TSError), none of them is kept. The
+    // tables of a store that this object made are committed with the first batch.
     void batch(const std::function<void()>& work);
 
 private:
     void open(const std::string& path);
     void migrateToV1();
     int schemaVersion();
+    void commitNewTables();
     SQLite::Database& connection();
 
     std::optional<SQLite::Database> database;
+    // A new store's tables, made in a transaction that the first batch takes over; anything
+    // else commits it first.
+    bool newTablesPending = false;
 };
 
 } // namespace Core::TrustedSources

@@ -51,6 +51,26 @@ TEST(TrustedSourcesStore, AMissingFileGetsTheSchemaANewerOneIsLeftAndALockedOneF
     SQLite::Database check(path, SQLite::OPEN_READWRITE);
     EXPECT_EQ(check.execAndGet("SELECT data FROM configuration WHERE id='version'").getInt(), 1);
 
+    // A new store's tables wait for its first batch: one that throws keeps neither them nor its
+    // writes; a store never used still gets them.
+    const std::string abandoned = scratch / "abandoned.sqlite3";
+    {
+        SQLiteDatabase store(abandoned);
+        EXPECT_THROW(store.batch([&] {
+            store.addSource({"aa01", "CN=Alpha", {}});
+            throw std::runtime_error("the run ends");
+        }),
+                     std::runtime_error);
+        expectUninitialised(store);
+    }
+    EXPECT_FALSE(SQLiteDatabase(abandoned).hasSource("aa01"));
+    const std::string unused = scratch / "unused.sqlite3";
+    { const SQLiteDatabase store(unused); }
+    EXPECT_EQ(SQLite::Database(unused)
+                  .execAndGet("SELECT data FROM configuration WHERE id='version'")
+                  .getInt(),
+              1);
+
     // Another writer holds the lock: reading goes on, writing fails at once.
     check.exec("BEGIN IMMEDIATE");
     check.exec("INSERT INTO sources VALUES ('zz', 'CN=Other')");
