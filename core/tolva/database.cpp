@@ -120,9 +120,10 @@ void putFlat(pt::ptree& tree, const std::string& flatKey, const std::string& val
     keys.put(pt::ptree::path_type(key, '\0'), value);
 }
 
-// A rename; across file systems, a copy made next to `to` and renamed there, so that `to`
-// appears complete or not at all, and `from` is removed only once the copy is on the device:
-// until then `from` may be the only copy that survives a power cut.
+// A rename; across file systems, a copy made next to `to`, flushed and renamed there, so that
+// `to` appears complete or not at all, even after a power cut (a directory in its place is
+// taken for a package that was moved), and `from` is removed only once the rename is on the
+// device: until then `from` may be the only copy that survives a power cut.
 void moveDirectory(const fs::path& from, const fs::path& to) {
     try {
         fs::rename(from, to);
@@ -135,6 +136,7 @@ void moveDirectory(const fs::path& from, const fs::path& to) {
     fs::remove_all(staging);
     try {
         Common::copyTreeWithExtendedAttributes(from, staging);
+        Common::syncFileSystem(staging);
         fs::rename(staging, to);
     } catch (...) {
         std::error_code ignored;
@@ -242,7 +244,15 @@ void Database::writePackageDataFile(const PackageNames& package, const std::stri
             putFlat(tree, key, value);
         for (const auto& [key, value] : extra)
             putFlat(tree, key, value);
-        pt::write_ini(file.string(), tree);
+        // Written here rather than by the library, which never looks at the stream after the
+        // writes: a file cut short by a full disk would pass for written.
+        std::ostringstream text;
+        pt::write_ini(text, tree);
+        std::ofstream out(file, std::ios::out | std::ios::trunc);
+        out << text.str();
+        out.close();
+        if (!out)
+            throw std::runtime_error("short write");
     } catch (const std::exception&) {
         throw Common::Error(Common::ErrorCode::Filesystem,
                             "couldn't create velmor.pkg file " + file.string());

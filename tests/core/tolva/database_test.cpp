@@ -112,6 +112,16 @@ TEST(PackageDataFile, WrittenInItsFixedOrderAndReadBackOrRefused) {
         }),
         "couldn't create velmor.pkg file " +
             (directory.path() / "missing" / "velmor.pkg").string());
+
+    // A full disk cuts the file short: that is no velmor.pkg written.
+    SANDBOXED([] {
+        TestSupport::mountFresh("tmpfs", "/tmp/full", "size=4k");
+        writeFile("/tmp/full/filler", std::string(4096, 'x'));
+        EXPECT_EQ(errorOf([] {
+                      Database::writePackageDataFile({"x", {}, {}}, "1", {}, "/tmp/full");
+                  }),
+                  "couldn't create velmor.pkg file /tmp/full/velmor.pkg");
+    });
 }
 
 // Editors on some systems start a UTF-8 text with a byte-order mark; a velmor.pkg that does
