@@ -89,11 +89,16 @@ public:
     void copy(const Common::Rpm::FileIterator::Entry& entry) {
         switch (entry.type) {
         case EntryType::Directory:
+            entries.check(package.placedPath(entry.path), entry.type, entry.path);
             package.extractDirectory(tree, entry);
             break;
-        case EntryType::Symlink:
+        case EntryType::Symlink: {
+            const fs::path placed = package.placedPath(entry.path);
+            entries.check(placed, entry.type, entry.path);
             package.extractLink(tree, linkRoot, entry);
+            entries.addLink(placed);
             break;
+        }
         case EntryType::RegularFile:
             copyFile(entry);
             break;
@@ -120,6 +125,8 @@ private:
     // A file that is gone, before its copy or while it is made, is left out with a warning: it
     // is gone from the RPM package as well.
     void copyFile(const Common::Rpm::FileIterator::Entry& entry) {
+        // Checked here, when it is written: a link met after a further name may lie on its way.
+        entries.check(package.placedPath(entry.path), entry.type, entry.path);
         struct stat installed {};
         if (!existsFollowed(entry.path, installed)) {
             warnNonExistent(entry.path);
@@ -190,6 +197,7 @@ private:
     std::vector<Common::Rpm::FileIterator::Entry> furtherNames;
     std::map<std::pair<dev_t, ino_t>, Copy> copies;
     LinkedFiles linked;
+    TreeEntries entries;
 };
 
 std::vector<Common::Rpm::FileIterator::Entry> fileList(const Common::Rpm::Reader& reader) {

@@ -88,6 +88,23 @@ private:
     mutable std::vector<Common::RemapRule> rules; // made on first use
 };
 
+// The entries of one package as they are written into its tree. The top of a tree holds the
+// database's own files (velmor.pkg, the lists and their work files), so only the package's
+// directories may stand there; and no entry may land on or below a symbolic link that an
+// earlier entry made there, which would take the write wherever the package's link points.
+class TreeEntries {
+public:
+    // Throws Common::Error (BadPackage) when an entry of `type` may not be written at `placed`,
+    // the place of the package path `original`.
+    void check(const std::filesystem::path& placed, Common::Rpm::EntryType type,
+               const std::filesystem::path& original) const;
+    // A symbolic link of the package now stands at `placed`.
+    void addLink(std::filesystem::path placed);
+
+private:
+    std::vector<std::filesystem::path> links;
+};
+
 inline std::vector<MappingRule> mappingTable(const Package& package, bool withLib64) {
     return mappingTable(package.names(), withLib64);
 }

@@ -436,21 +436,37 @@ TEST(Migration, NamesFromTheDeviceNeverLeadOutOfTheirPlace) {
                            "[Desktop Entry]\nName=x\n[X-Tolva-Application]\n"
                            "OrganizationName=../../../etc/cron.d\nApplicationName=job\n"),
          TestSupport::file("/usr/share/common/job", "* * * * * root sh\n")}};
+    // One whose link takes the place of the package's own velmor.pkg and leads out of its tree.
+    const FixturePackage linkWriter{
+        "link-writer",
+        "1.0",
+        "1",
+        std::nullopt,
+        {},
+        {TestSupport::file("/usr/share/applications/link-writer.desktop", "[Desktop Entry]\n"),
+         TestSupport::symlink("/velmor.pkg", "manifest/../../../../../../../etc/victim")}};
     Scratch scratch;
-    const SampleApp app{"cron-writer", "developer", "", scratch / "cron-writer.rpm"};
-    fs::copy_file(buildPackage(cronWriter), app.file);
-    signPackage(app.file, "developer");
+    std::vector<SampleApp> apps;
+    for (const auto& package : {cronWriter, linkWriter}) {
+        apps.push_back({package.name, "developer", "", scratch / (package.name + ".rpm")});
+        fs::copy_file(buildPackage(package), apps.back().file);
+        signPackage(apps.back().file, "developer");
+    }
     SANDBOXED([&] {
-        installDevice({app});
+        installDevice(apps);
         const auto run = launch();
         EXPECT_EQ(run.status, 0);
         EXPECT_TRUE(logged(run, "ERROR: couldn't extract a package information required for "
                                 "migration\nERROR: organization name is not a valid directory "
                                 "name: \"../../../etc/cron.d\"\n"));
+        EXPECT_TRUE(logged(run, "package file would stand among the database's own files: "
+                                "/velmor.pkg\n"));
         EXPECT_FALSE(fs::exists("/etc/cron.d/job"));
-        EXPECT_EQ(installedRpms(), std::vector<std::string>{"cron-writer"});
-        EXPECT_EQ(runProgram({"rpm", "-V", "cron-writer"}).status, 0);
+        EXPECT_FALSE(fs::exists("/etc/victim"));
+        EXPECT_EQ(installedRpms(), (std::vector<std::string>{"cron-writer", "link-writer"}));
+        EXPECT_EQ(runProgram({"rpm", "-V", "cron-writer", "link-writer"}).status, 0);
         EXPECT_FALSE(fs::exists("/opt/app/cron-writer"));
+        EXPECT_FALSE(fs::exists("/opt/app/link-writer"));
     });
 }
 

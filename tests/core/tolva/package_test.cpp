@@ -178,3 +178,47 @@ TEST(Extraction, NamesThatCannotBeDirectoryNamesAreRefused) {
     for (const std::string name : {"harbor-notes", "1.2.3-1", "org.example", "Notes App", "..."})
         EXPECT_NO_THROW(Core::Tolva::checkPathComponent(name, "package id")) << name;
 }
+
+// The tree's top holds the database's own files, and a package's link leads wherever the
+// package chose: no entry is written at either.
+TEST(Extraction, EntriesThatWouldWriteThroughTheTreeAreRefused) {
+    using Common::Rpm::EntryType;
+    Core::Tolva::TreeEntries entries;
+    entries.addLink("data/sub");
+    const std::tuple<fs::path, EntryType, std::string> refused[] = {
+        {"velmor.pkg", EntryType::Symlink, "package file would stand among the database's own"},
+        {"symlink.list", EntryType::RegularFile, "package file would stand among the database's"},
+        {"data/sub", EntryType::Directory, "package path leads through a link of the package"},
+        {"data/sub/deeper/x", EntryType::Hardlink, "package path leads through a link of the"},
+    };
+    for (const auto& [placed, type, message] : refused)
+        EXPECT_EQ(errorOf([&] { entries.check(placed, type, "/from/rpm"); }, ErrorCode::BadPackage)
+                      .rfind(message, 0),
+                  0u)
+            << placed;
+    for (const fs::path placed : {"data/subway", "data/other/x", "bin/sub"})
+        EXPECT_NO_THROW(entries.check(placed, EntryType::RegularFile, "/from/rpm")) << placed;
+    EXPECT_NO_THROW(entries.check("data", EntryType::Directory, "/from/rpm"));
+
+    // A link whose text climbs out of the tree is not made.
+    TestSupport::FixturePackage climber = tool();
+    climber.name = "climber";
+    climber.files.push_back(TestSupport::symlink("/usr/share/tool/up", "a/../../../../../etc"));
+    TestSupport::Scratch scratch;
+    const fs::path file = signedCopy(scratch, "climber", climber, "developer");
+    SANDBOXED([&] {
+        TestSupport::trustTestCa();
+        std::optional<Package> package;
+        captureStderr([&] { package.emplace(Package::fromPath(file)); }); // it has no manifest
+        std::string message;
+        const auto log = captureStderr([&] {
+            message = errorOf([&] { package->extract("/tmp/tree", "/opt/app/climber/1.0-1"); });
+        });
+        EXPECT_EQ(message, "couldn't extract symlink");
+        EXPECT_NE(log.find("symlink leaves the package tree: /usr/share/tool/up -> "
+                           "a/../../../../../etc"),
+                  std::string::npos)
+            << log;
+        EXPECT_FALSE(fs::exists(fs::symlink_status("/tmp/tree/data/up")));
+    });
+}
