@@ -273,7 +273,9 @@ void Database::migrateFromRpm() const {
     transaction.setNotifyCallback();
     const auto prepared = preparePackagesForMigration(transaction);
 
-    // A recorded tree that was not prepared again belongs to a package that RPM still has.
+    // A recorded tree that was not prepared again belongs to a package that RPM still has. It
+    // is spared only while RPM has all of that package's files: an erasure stopped part-way
+    // leaves RPM listing a package whose files are gone, and then the tree is all there is.
     const auto stillRpms = Common::Rpm::installedAmong(waiting);
     std::erase_if(waiting, [&](const std::string& id) {
         if (!stillRpms.contains(id))
@@ -281,8 +283,11 @@ void Database::migrateFromRpm() const {
         const bool preparedAgain =
             std::any_of(prepared.begin(), prepared.end(),
                         [&](const PreparedPackage& package) { return package.package.id() == id; });
-        if (!preparedAgain)
-            removeQuietly(temp / id);
+        if (preparedAgain)
+            return true;
+        if (!Common::Rpm::filesInPlace(id))
+            return false;
+        removeQuietly(temp / id);
         return true;
     });
     if (prepared.empty()) {

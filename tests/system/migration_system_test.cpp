@@ -580,6 +580,23 @@ TEST(Migration, OnTheInstalledFilesFileSystemLinksAndLeavesAPackageThatStaysUnto
     });
 }
 
+TEST(Migration, ACopyIsKeptWhileItsPackageCannotBePreparedAgainAndMissesFiles) {
+    onSampleDevice([&] {
+        // An erasure stopped part-way: RPM still lists quiet-clock, its binary is gone, and the
+        // recorded copy holds it. The package cannot be prepared again today.
+        const fs::path copy = "/opt/tolva/tmp/quiet-clock/bin/quiet-clock";
+        fs::create_directories(copy.parent_path());
+        fs::copy_file("/usr/bin/quiet-clock", copy);
+        TestSupport::writeFile("/opt/tolva/tmp/.migration.prepared", "quiet-clock\n");
+        fs::remove("/usr/bin/quiet-clock");
+        TestSupport::writeFile("/var/lib/package-signatures/quiet-clock/1.pem", "garbage");
+        failedLaunch("ERROR: package quiet-clock waits to be migrated at the next start\n");
+        EXPECT_TRUE(fs::exists(copy));
+        EXPECT_EQ(readFile("/opt/tolva/tmp/.migration.prepared"), "quiet-clock\n");
+        EXPECT_FALSE(fs::exists(stamp));
+    });
+}
+
 TEST(Migration, ADamagedCertificateFileIsItsPackagesProblemOnly) {
     onSampleDevice([&] {
         // A FIFO is neither waited on nor followed; a file of garbage holds no certificate.
