@@ -362,8 +362,18 @@ std::vector<PackageData> Database::installedPackages() const {
     return packages;
 }
 
+void Database::checkOwnDirectories() const {
+    for (const auto& directory : {root, temp}) {
+        std::error_code error;
+        if (fs::is_symlink(fs::symlink_status(directory, error)))
+            throw Common::Error(Common::ErrorCode::Filesystem,
+                                "database directory is a link: " + directory.string());
+    }
+}
+
 std::vector<fs::path> Database::listPackageDirectories() const {
     std::vector<fs::path> directories;
+    checkOwnDirectories();
     if (isAbsent(root))
         return directories;
     // A link in the root is never followed: it is an unexpected entry like any other.

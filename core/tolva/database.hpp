@@ -121,6 +121,10 @@ public:
     void startUpPass() const;
 
 private:
+    // The root and the temporary directory are the database's own: one that is a link would
+    // take every listing, write and removal of the database wherever the link points (a link
+    // above them is the platform's own arrangement). Throws Common::Error (Filesystem).
+    void checkOwnDirectories() const;
     std::filesystem::path preparedRecordPath() const;
     std::vector<std::string> readPreparedRecord() const;
     void writePreparedRecord(const std::vector<std::string>& ids) const;

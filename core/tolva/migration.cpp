@@ -265,6 +265,7 @@ template <typename Result> Result takeCaptured(std::future<Captured<Result>>& wo
 } // namespace
 
 void Database::migrateFromRpm() const {
+    checkOwnDirectories();
     std::vector<std::string> waiting = resumeInterruptedMigration(readPreparedRecord());
     cleanUpTemporaryDirectory(waiting);
 

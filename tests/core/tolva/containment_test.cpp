@@ -145,6 +145,23 @@ TEST(Containment, AnUnreadableVelmorIsKeptAndAnOverrideIsRefused) {
 
 TEST(Containment, ConfiguredDirectoriesThatAreNoPlaceForTheDatabase) {
     SANDBOXED([] {
+        // A link standing for either of them, as a package could ship it, is followed by
+        // neither the migration nor the repair pass.
+        writeFile("/tmp/victim/keep/file", "kept");
+        writeFile("/tmp/victim/loose", "kept");
+        for (const fs::path directory : {"/opt/app", "/opt/tolva/tmp"}) {
+            SCOPED_TRACE(directory);
+            fs::create_directories(directory.parent_path());
+            fs::create_directory_symlink("/tmp/victim", directory);
+            const Database database;
+            const std::string refusal = "database directory is a link: " + directory.string();
+            EXPECT_EQ(TestSupport::errorOf([&] { database.migrateFromRpm(); }), refusal);
+            EXPECT_EQ(TestSupport::errorOf([&] { database.installedPackages(); }), refusal);
+            EXPECT_EQ(TestSupport::readFile("/tmp/victim/keep/file"), "kept");
+            EXPECT_EQ(TestSupport::readFile("/tmp/victim/loose"), "kept");
+            fs::remove(directory);
+        }
+
         // Each of the two, and a place inside the other's default.
         for (const auto& [key, inOther] : {std::pair{"root_directory", "/opt/tolva/tmp/apps"},
                                            {"temp_directory", "/opt/app/tmp"}})
