@@ -654,7 +654,9 @@ void Database::mapPlacedPackage(const PreparedPackage& prepared) const {
 }
 
 // Where the next start finds the package again. A version directory that cannot go back stays,
-// with "current", and gets its mappings next time.
+// with "current", and gets its mappings next time; so does one beside a tree that a move across
+// file systems could not remove, where the version directory is the complete copy and the tree
+// may be what is left of the other.
 void Database::returnToTemporaryDirectory(const PreparedPackage& prepared) const {
     const Package& package = prepared.package;
     const fs::path versioned = versionedDirectoryPath(package.id(), package.version());
@@ -662,7 +664,7 @@ void Database::returnToTemporaryDirectory(const PreparedPackage& prepared) const
     std::error_code error;
     if (!fs::exists(prepared.tree, error) && fs::exists(versioned, error))
         fs::rename(versioned, prepared.tree, error);
-    if (fs::exists(prepared.tree, error)) {
+    if (fs::exists(prepared.tree, error) && !fs::exists(fs::symlink_status(versioned, error))) {
         if (fs::read_symlink(current, error) == versioned)
             fs::remove(current, error);
         fs::remove(current.parent_path(), error); // only when empty

@@ -5,7 +5,9 @@
  * to that file when the program exits normally. With TOLVA_VANISH set, the file at that path is
  * removed just before the program first touches it by its path for its data (listing its
  * attributes, linking it, opening it): a file that vanishes while the program copies it. With
- * TOLVA_REFUSE_WRITES set, every write into the file at that path fails as on a full disk. */
+ * TOLVA_REFUSE_WRITES set, every write into the file at that path fails as on a full disk. With
+ * TOLVA_KEEP set, the file at that path cannot be removed, as on a file system that turned
+ * read-only. */
 
 #define _GNU_SOURCE
 #undef _FORTIFY_SOURCE
@@ -29,18 +31,21 @@ static const char* countFile = NULL;
 
 static const char* vanish = NULL;
 static const char* refuse = NULL;
+static const char* keep = NULL;
+
+/* The path of what `fd` has open, into `path`; its length, or -1. */
+static ssize_t openPath(int fd, char* path, size_t size) {
+    char link[32];
+    snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
+    const ssize_t length = readlink(link, path, size - 1);
+    if (length >= 0)
+        path[length] = '\0';
+    return length;
+}
 
 static int refused(int fd) {
-    if (!refuse)
-        return 0;
-    char link[32];
     char path[4096];
-    snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
-    const ssize_t length = readlink(link, path, sizeof path - 1);
-    if (length < 0)
-        return 0;
-    path[length] = '\0';
-    return strcmp(path, refuse) == 0;
+    return refuse && openPath(fd, path, sizeof path) >= 0 && strcmp(path, refuse) == 0;
 }
 
 static void vanishBefore(const char* path) {
@@ -69,6 +74,21 @@ __attribute__((constructor)) static void start(void) {
     countFile = getenv("TOLVA_CRASH_COUNT");
     vanish = getenv("TOLVA_VANISH");
     refuse = getenv("TOLVA_REFUSE_WRITES");
+    keep = getenv("TOLVA_KEEP");
+}
+
+/* Whether `path`, taken relative to the directory open at `dir`, is the file to keep. */
+static int kept(int dir, const char* path) {
+    if (!keep || !path)
+        return 0;
+    if (dir == AT_FDCWD || path[0] == '/')
+        return strcmp(path, keep) == 0;
+    char full[4096];
+    const ssize_t length = openPath(dir, full, sizeof full);
+    if (length < 0)
+        return 0;
+    snprintf(full + length, sizeof full - (size_t)length, "/%s", path);
+    return strcmp(full, keep) == 0;
 }
 
 __attribute__((destructor)) static void finish(void) {
@@ -137,8 +157,28 @@ COUNTED(int, linkat, (int fromDir, const char* from, int toDir, const char* to, 
         (fromDir, from, toDir, to, flags))
 COUNTED(int, symlink, (const char* target, const char* path), (target, path))
 COUNTED(int, symlinkat, (const char* target, int dir, const char* path), (target, dir, path))
-COUNTED(int, unlink, (const char* path), (path))
-COUNTED(int, unlinkat, (int dir, const char* path, int flags), (dir, path, flags))
+int unlink(const char* path) {
+    static int (*next)(const char*) = NULL;
+    if (!next)
+        next = dlsym(RTLD_NEXT, "unlink");
+    step();
+    if (kept(AT_FDCWD, path)) {
+        errno = EROFS;
+        return -1;
+    }
+    return next(path);
+}
+int unlinkat(int dir, const char* path, int flags) {
+    static int (*next)(int, const char*, int) = NULL;
+    if (!next)
+        next = dlsym(RTLD_NEXT, "unlinkat");
+    step();
+    if (kept(dir, path)) {
+        errno = EROFS;
+        return -1;
+    }
+    return next(dir, path, flags);
+}
 COUNTED(int, rmdir, (const char* path), (path))
 COUNTED(int, mkdir, (const char* path, mode_t mode), (path, mode))
 COUNTED(int, mkdirat, (int dir, const char* path, mode_t mode), (dir, path, mode))

@@ -410,6 +410,15 @@ TEST(Migration, ATemporaryDirectoryOnAnotherFileSystem) {
     onSampleDevice([&] {
         TestSupport::mountFresh("tmpfs", "/opt/tolva/tmp");
         const auto before = installedFiles();
+        // The copy behind a moved package that cannot all be removed: the package stays in
+        // place, complete, and gets its mappings at the next start.
+        const auto kept =
+            runProgram({"env", "LD_PRELOAD=" TOLVA_FAULT_PRELOAD,
+                        "TOLVA_KEEP=/opt/tolva/tmp/harbor-notes/velmor.pkg", TOLVA_MIGRATE});
+        EXPECT_EQ(kept.status, 1);
+        EXPECT_TRUE(logged(kept, "ERROR: package harbor-notes waits to be migrated"));
+        EXPECT_EQ(fs::read_symlink("/opt/app/harbor-notes/current"), notes);
+        EXPECT_EQ(readFile(notes / "bin/harbor-notes"), "#!/bin/sh\necho notes\n");
         completedLaunch();
         for (const auto& [path, file] : before)
             EXPECT_EQ(readFile(path), file.content) << path;
