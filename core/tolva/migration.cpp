@@ -125,20 +125,21 @@ private:
     // A file that is gone, before its copy or while it is made, is left out with a warning: it
     // is gone from the RPM package as well.
     void copyFile(const Common::Rpm::FileIterator::Entry& entry) {
+        const fs::path placed = package.placedPath(entry.path);
         // Checked here, when it is written: a link met after a further name may lie on its way.
-        entries.check(package.placedPath(entry.path), entry.type, entry.path);
+        entries.check(placed, entry.type, entry.path);
         struct stat installed {};
         if (!existsFollowed(entry.path, installed)) {
             warnNonExistent(entry.path);
             return;
         }
         try {
-            copyExistingFile(entry, installed);
+            copyExistingFile(entry, placed, installed);
         } catch (const std::exception&) {
             struct stat status {};
             if (::lstat(entry.path.c_str(), &status) == 0 || errno != ENOENT)
                 throw;
-            const fs::path destination = tree / package.placedPath(entry.path);
+            const fs::path destination = tree / placed;
             std::erase_if(copies,
                           [&](const auto& copy) { return copy.second.path == destination; });
             std::error_code ignored;
@@ -164,12 +165,11 @@ private:
         return !S_ISLNK(seen.st_mode) || fs::exists(fs::status(path));
     }
 
-    void copyExistingFile(const Common::Rpm::FileIterator::Entry& entry,
+    void copyExistingFile(const Common::Rpm::FileIterator::Entry& entry, const fs::path& placed,
                           const struct stat& installed) {
         if (!S_ISREG(installed.st_mode))
             throw Error(ErrorCode::BadPackage,
                         "installed package file is not a regular file: " + entry.path.string());
-        const fs::path placed = package.placedPath(entry.path);
         const fs::path destination = tree / placed;
         const auto [first, isFirst] =
             copies.try_emplace({installed.st_dev, installed.st_ino}, Copy{destination, false});
