@@ -106,23 +106,26 @@ __attribute__((destructor)) static void finish(void) {
 }
 
 /* Every call is counted, then handed to the next definition of the same function, unless
- * `fails` holds: then it fails as on a full disk. */
-#define COUNTED_UNLESS(result, name, parameters, arguments, fails)                                 \
+ * `fails` holds: then it fails with `error`. */
+#define COUNTED_UNLESS(result, name, parameters, arguments, fails, error)                          \
     result name parameters {                                                                       \
         static result(*next) parameters = NULL;                                                    \
         if (!next)                                                                                 \
             next = dlsym(RTLD_NEXT, #name);                                                        \
         step();                                                                                    \
         if (fails) {                                                                               \
-            errno = ENOSPC;                                                                        \
+            errno = error;                                                                         \
             return -1;                                                                             \
         }                                                                                          \
         return next arguments;                                                                     \
     }
 #define COUNTED(result, name, parameters, arguments)                                               \
-    COUNTED_UNLESS(result, name, parameters, arguments, 0)
+    COUNTED_UNLESS(result, name, parameters, arguments, 0, 0)
+/* Writes fail as on a full disk, removals as on a file system that turned read-only. */
 #define COUNTED_WRITE(name, parameters, arguments)                                                 \
-    COUNTED_UNLESS(ssize_t, name, parameters, arguments, refused(fd))
+    COUNTED_UNLESS(ssize_t, name, parameters, arguments, refused(fd), ENOSPC)
+#define COUNTED_REMOVAL(name, parameters, arguments, dir, path)                                    \
+    COUNTED_UNLESS(int, name, parameters, arguments, kept(dir, path), EROFS)
 
 COUNTED_WRITE(write, (int fd, const void* data, size_t size), (fd, data, size))
 COUNTED_WRITE(pwrite, (int fd, const void* data, size_t size, off_t at), (fd, data, size, at))
@@ -157,28 +160,8 @@ COUNTED(int, linkat, (int fromDir, const char* from, int toDir, const char* to, 
         (fromDir, from, toDir, to, flags))
 COUNTED(int, symlink, (const char* target, const char* path), (target, path))
 COUNTED(int, symlinkat, (const char* target, int dir, const char* path), (target, dir, path))
-int unlink(const char* path) {
-    static int (*next)(const char*) = NULL;
-    if (!next)
-        next = dlsym(RTLD_NEXT, "unlink");
-    step();
-    if (kept(AT_FDCWD, path)) {
-        errno = EROFS;
-        return -1;
-    }
-    return next(path);
-}
-int unlinkat(int dir, const char* path, int flags) {
-    static int (*next)(int, const char*, int) = NULL;
-    if (!next)
-        next = dlsym(RTLD_NEXT, "unlinkat");
-    step();
-    if (kept(dir, path)) {
-        errno = EROFS;
-        return -1;
-    }
-    return next(dir, path, flags);
-}
+COUNTED_REMOVAL(unlink, (const char* path), (path), AT_FDCWD, path)
+COUNTED_REMOVAL(unlinkat, (int dir, const char* path, int flags), (dir, path, flags), dir, path)
 COUNTED(int, rmdir, (const char* path), (path))
 COUNTED(int, mkdir, (const char* path, mode_t mode), (path, mode))
 COUNTED(int, mkdirat, (int dir, const char* path, mode_t mode), (dir, path, mode))
