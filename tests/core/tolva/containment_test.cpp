@@ -13,8 +13,7 @@
 
 namespace fs = std::filesystem;
 using Core::Tolva::Database;
-using TestSupport::captureStderr;
-using TestSupport::writeFile;
+using namespace TestSupport;
 
 namespace {
 

