@@ -80,8 +80,9 @@ TEST(Upgrade, PackageDirectoriesUpgradeChecksCompletionAndRemoval) {
         fs::create_directories("/etc/away/1.0-1");
         fs::create_directory_symlink("/etc/away/1.0-1", "/etc/away/current");
         fs::create_directory_symlink("/etc/away", "/opt/app/linked");
-        EXPECT_EQ(errorOf([&] { db.packageDirectory("linked"); }, ErrorCode::PackageNotExist),
-                  "couldn't find package directory: linked");
+        for (const std::string id : {"absent", "linked"})
+            EXPECT_EQ(errorOf([&] { db.packageDirectory(id); }, ErrorCode::PackageNotExist),
+                      "couldn't find package directory: " + id);
         // Ids that would name the root itself or leave it.
         for (const std::string id : {"", "/", "..", "/../etc", "demo/current"})
             errorOf([&] { db.packageDirectory(id); }, ErrorCode::BadPackage);
