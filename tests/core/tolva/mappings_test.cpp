@@ -136,7 +136,8 @@ TEST(CreateMappings, ReplacesLeftoverMappingsButNeverASystemFile) {
                       "/usr/lib/3rdparty/demo.notes/libfoo.so.1", "/usr/share/demo.notes/a",
                       "/usr/share/applications/demo.notes.desktop"}));
 
-        // A system file without the marker stops the run, at a lib64 place that is not mapped too.
+        // A system file without the marker stops the run, at a lib64 place that is not mapped
+        // too. That a stopped run takes back what it made is the next test's check.
         const fs::path clash = "/opt/app/demo.clash/1-1";
         writeFile(clash / "3rdparty/libz.so", "package");
         writeFile("/usr/lib64/3rdparty/demo.clash/libz.so", "system");
@@ -146,12 +147,10 @@ TEST(CreateMappings, ReplacesLeftoverMappingsButNeverASystemFile) {
                   "/usr/lib64/3rdparty/demo.clash/libz.so\n"
                   "INFO: cleaning up created mappings\n");
         EXPECT_EQ(readFile("/usr/lib64/3rdparty/demo.clash/libz.so"), "system");
-        EXPECT_FALSE(present("/usr/lib/3rdparty/demo.clash/libz.so"));
 
         // A directory on the way that is a link would take the mappings out of their place:
         // nothing is made through it.
         const fs::path away = "/opt/app/demo.away/1-1";
-        writeFile(away / "bin/away", "tool");
         writeFile(away / "data/job", "package");
         fs::create_directories("/etc/away");
         fs::create_symlink("/etc/away", "/usr/share/demo.away");
@@ -160,7 +159,6 @@ TEST(CreateMappings, ReplacesLeftoverMappingsButNeverASystemFile) {
                   "/usr/share/demo.away/job\n"
                   "INFO: cleaning up created mappings\n");
         EXPECT_TRUE(fs::is_empty("/etc/away"));
-        EXPECT_FALSE(present("/usr/bin/away"));
         // The platform's own directories are its layout, links or not.
         fs::create_directories("/usr/share/icons/moved");
         fs::create_directories("/usr/share/icons/hicolor/86x86");
@@ -174,7 +172,6 @@ TEST(CreateMappings, ReplacesLeftoverMappingsButNeverASystemFile) {
 
         // A leftover that cannot be removed stops the run as well.
         const fs::path stuck = "/opt/app/demo.stuck/1-1";
-        writeFile(stuck / "bin/stuck", "tool");
         writeFile(stuck / "data/x", "package");
         mountFresh("tmpfs", "/usr/share/demo.stuck");
         fs::create_symlink("/opt/app/demo.stuck/0-1/data/x", "/usr/share/demo.stuck/x");
@@ -183,7 +180,6 @@ TEST(CreateMappings, ReplacesLeftoverMappingsButNeverASystemFile) {
                   "ERROR: " + removalFailure("/usr/share/demo.stuck/x") + "\n" +
                       "ERROR: couldn't clean up existing mapping: /usr/share/demo.stuck/x\n" +
                       "INFO: cleaning up created mappings\n");
-        EXPECT_FALSE(present("/usr/bin/stuck"));
         EXPECT_TRUE(isLinkTo("/usr/share/demo.stuck/x", "/opt/app/demo.stuck/0-1/data/x"));
     });
 }
