@@ -11,6 +11,7 @@
 #include "tests/support/rpm_fixtures.hpp"
 #include "tests/support/sandboxed_test.hpp"
 
+#include <algorithm>
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -58,11 +59,15 @@ Database database() {
     return Database();
 }
 
-std::vector<std::string> ids(const std::vector<PackageData>& packages) {
-    std::vector<std::string> result;
-    for (const auto& data : packages)
-        result.push_back(data.at("general.id") + "@" + data.at("general.version"));
-    return result;
+// What a repair pass over `db` logs, and the packages it finds as "id@version", sorted.
+std::pair<std::string, std::vector<std::string>> repairPass(const Database& db) {
+    std::vector<std::string> ids;
+    const auto log = captureStderr([&] {
+        for (const auto& data : db.installedPackages())
+            ids.push_back(data.at("general.id") + "@" + data.at("general.version"));
+    });
+    std::sort(ids.begin(), ids.end());
+    return {log, ids};
 }
 
 } // namespace
@@ -214,9 +219,8 @@ TEST(RepairPass, AnUnreadablePackageGoesWithItsMappingsAndGeneratedDirectories) 
         writeFile(makeVersion("nogenerated", "1-1", false) / "symlink.list", "");
 
         TestSupport::JournalCapture journal;
-        std::vector<PackageData> found;
-        const auto log = captureStderr([&] { found = db.installedPackages(); });
-        EXPECT_EQ(ids(found), std::vector<std::string>{"demo.good@1-1"});
+        const auto [log, found] = repairPass(db);
+        EXPECT_EQ(found, std::vector<std::string>{"demo.good@1-1"});
         const std::string skipped = "WARN: skip removing the generated package symlink, since it "
                                     "was most likely overwritten via rpm: ";
         const std::string expected[] = {
@@ -272,9 +276,8 @@ TEST(RepairPass, CleanUpFailuresAreWarnedAboutAndPassedOver) {
         for (const char* directory : {"/opt/app", "/opt/app/locked", "/usr/share/bad"})
             TestSupport::makeAppendOnly(directory);
 
-        std::vector<PackageData> found;
-        const auto log = captureStderr([&] { found = db.installedPackages(); });
-        EXPECT_EQ(ids(found), std::vector<std::string>{"locked@1-1"});
+        const auto [log, found] = repairPass(db);
+        EXPECT_EQ(found, std::vector<std::string>{"locked@1-1"});
         const auto cause = [](const fs::path& path, bool all = true) {
             return "WARN: " + TestSupport::removalFailure(path, all) + "\n";
         };
@@ -341,13 +344,8 @@ TEST(Containment, TheRepairPassNeverReachesOutOfItsPlaces) {
         ASSERT_EQ(::mkfifo((fifoList / "symlink.list").c_str(), 0644), 0);
 
         const auto before = protectedTrees();
-        std::vector<std::string> listed;
-        const auto log = captureStderr([&] {
-            for (const auto& data : Database().installedPackages())
-                listed.push_back(data.at("general.id"));
-        });
-        std::sort(listed.begin(), listed.end());
-        EXPECT_EQ(listed, (std::vector<std::string>{"other", "out-next"})) << log;
+        const auto [log, found] = repairPass(Database());
+        EXPECT_EQ(found, (std::vector<std::string>{"other@1-1", "out-next@1-1"})) << log;
         EXPECT_EQ(changes(before, protectedTrees()), "") << log;
         for (const char* gone :
              {"escape", "out-current", "link-to-etc", "loop", "fifo", "fifo-list"})
