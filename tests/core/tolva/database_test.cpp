@@ -343,8 +343,9 @@ TEST(Containment, TheRepairPassNeverReachesOutOfItsPlaces) {
         fs::remove(fifoList / "symlink.list");
         ASSERT_EQ(::mkfifo((fifoList / "symlink.list").c_str(), 0644), 0);
 
+        const auto db = database();
         const auto before = protectedTrees();
-        const auto [log, found] = repairPass(Database());
+        const auto [log, found] = repairPass(db);
         EXPECT_EQ(found, (std::vector<std::string>{"other@1-1", "out-next@1-1"})) << log;
         EXPECT_EQ(changes(before, protectedTrees()), "") << log;
         for (const char* gone :
