@@ -28,18 +28,13 @@ std::string unitSetting(const std::string& unit, const std::string& key) {
     return "";
 }
 
-fs::path buildRpm() {
-    const auto run =
-        runProgram({TOLVA_SOURCE_DIR "/packaging/build-rpm", TOLVA_BINARY_DIR, "--prebuilt"});
-    if (!run.exited || run.status != 0)
-        throw std::runtime_error("packaging/build-rpm failed: " + run.err);
-    return lines(run.out).at(0);
-}
-
 } // namespace
 
 TEST(Packaging, TheRpmInstallsTheLauncherWhereItsUnitStartsIt) {
-    const fs::path rpm = buildRpm();
+    const auto built =
+        runProgram({TOLVA_SOURCE_DIR "/packaging/build-rpm", TOLVA_BINARY_DIR, "--prebuilt"});
+    ASSERT_TRUE(built.exited && built.status == 0) << built.err;
+    const fs::path rpm = lines(built.out).at(0);
     // rpm reads a package only in the sandbox: it makes an RPM database under $HOME.
     SANDBOXED([&] {
         const auto listing = runProgram({"rpm", "-qlp", rpm.string()});

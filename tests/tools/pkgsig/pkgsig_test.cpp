@@ -87,16 +87,13 @@ std::vector<std::string> signArguments(const fs::path& package, const std::strin
     return arguments;
 }
 
-std::vector<std::string> clientOptions() {
-    return {"--client-key=" + path("client", true), "--client-cert=" + path("client")};
-}
-
 TEST(PkgsigCommand, SignShowVerifyAndImportPackagesThatStockRpmChecks) {
     Scratch scratch;
     const auto hello = copyOfPackage("hello", scratch / "hello.rpm");
-    auto arguments = signArguments(hello, "developer", clientOptions());
-    arguments.insert(arguments.end(), {"--signing-time", "1590969600"});
-    const auto signing = pkgsig(arguments);
+    const auto signing =
+        pkgsig(signArguments(hello, "developer",
+                             {"--client-key=" + path("client", true),
+                              "--client-cert=" + path("client"), "--signing-time", "1590969600"}));
     ASSERT_EQ(signing.status, 0) << signing.err;
     const std::string developer = "CN=Regular Developer,O=Example Apps,C=FI";
     const std::string client = TestPki::clientSubject;
@@ -143,7 +140,7 @@ TEST(PkgsigCommand, SignShowVerifyAndImportPackagesThatStockRpmChecks) {
         EXPECT_EQ(pkgsig({"list"}).out, helloLine + "hello client " + keyId("client") +
                                             " unknown " + client + "\n" + tinyLine);
         // Signed again without a client, the package's client certificate is forgotten.
-        ASSERT_EQ(pkgsig(signArguments(hello, "developer")).status, 0);
+        TestSupport::signPackage(hello, "developer");
         EXPECT_EQ(pkgsig({"import", hello.string(), "--ca=" + path("ca")}).out,
                   "imported hello into /var/lib/package-signatures: developer " +
                       keyId("developer") + "\n");
@@ -161,7 +158,7 @@ TEST(PkgsigCommand, HelpWhereverAskedAndBadInputGetsOneLineAndChangesNothing) {
     Scratch scratch;
     const auto package = copyOfPackage("hello", scratch / "hello.rpm");
     const auto signedPackage = copyOfPackage("tiny", scratch / "signed.rpm");
-    ASSERT_EQ(pkgsig(signArguments(signedPackage, "developer", clientOptions())).status, 0);
+    TestSupport::signPackage(signedPackage, "developer", "client");
     TestSupport::writeFile(scratch / "notes.rpm", "not a package\n");
     const std::string cut = readFile(package);
     TestSupport::writeFile(scratch / "cut.rpm", cut.substr(0, cut.size() - 40));
@@ -306,7 +303,6 @@ TEST(SignedPackage, AnyChangedByteFailsAndADamagedSignatureTagIsNoSignature) {
                                  {{"developer"}, {"client", {}, "another package's content"}});
     const auto elsewhereFile = PS::FileWithCmses::fromPath(elsewhere.string());
     ASSERT_TRUE(elsewhereFile);
-    EXPECT_EQ(elsewhereFile->cmses().size(), 2u);
     EXPECT_FALSE(elsewhereFile->verifyCmses(path("ca")));
 }
 

@@ -28,12 +28,6 @@ TestSupport::ProcessResult tolvaPkg(std::vector<std::string> arguments) {
     return runProgram(arguments);
 }
 
-TestSupport::ProcessResult asNobody(std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(),
-                     {"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", TOLVA_PKG});
-    return runProgram(arguments);
-}
-
 // Runs a command that must succeed without an error line; returns what it printed.
 std::string succeed(const std::vector<std::string>& arguments) {
     const auto result = tolvaPkg(arguments);
@@ -94,7 +88,9 @@ TEST(TolvaPkg, OnAMigratedDeviceRefusesThenUpgradesRemovesAndInstallsAgain) {
                "package harbor-notes 1.2.3-1 is installed already");
         refuse(tolvaPkg({"remove", "nothing-such"}),
                "couldn't find package directory: nothing-such");
-        refuse(asNobody({"install", upgrade.file}), "must be run as root");
+        refuse(runProgram({"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", TOLVA_PKG,
+                           "install", upgrade.file}),
+               "must be run as root");
         refuse(tolvaPkg({"install", upgrade.file}), "couldn't create mappings");
         EXPECT_EQ(changes(before, snapshot()), "");
         fs::remove("/usr/bin/harbor-notes-sync");
