@@ -30,8 +30,7 @@ struct Original {
 // Every regular file that rpm installed for `app`.
 std::map<fs::path, Original> installedFiles(const std::string& app) {
     std::map<fs::path, Original> files;
-    std::istringstream list(runProgram({"rpm", "-ql", app}).out);
-    for (std::string path; std::getline(list, path);)
+    for (const auto& path : TestSupport::lines(runProgram({"rpm", "-ql", app}).out))
         if (fs::is_regular_file(fs::symlink_status(path)))
             files[path] = {readFile(path), fs::status(path).permissions()};
     return files;
