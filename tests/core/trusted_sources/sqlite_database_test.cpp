@@ -10,7 +10,6 @@
 #include <SQLiteCpp/SQLiteCpp.h>
 #include <filesystem>
 #include <gtest/gtest.h>
-#include <random>
 #include <sys/mount.h>
 
 namespace fs = std::filesystem;
@@ -36,6 +35,15 @@ std::pair<std::string, std::string> failureOf(const std::function<void()>& work)
     return {message, logged};
 }
 
+// Runs `work` in a batch of `store` that then throws, as a run that ends part-way.
+void abandonedBatch(SQLiteDatabase& store, const std::function<void()>& work) {
+    EXPECT_THROW(store.batch([&] {
+        work();
+        throw std::runtime_error("the run ends");
+    }),
+                 std::runtime_error);
+}
+
 // Every operation goes through the connection: one stands for all.
 void expectUninitialised(SQLiteDatabase& store) {
     EXPECT_EQ(failureOf([&] { store.isRequired(); }).first,
@@ -56,32 +64,22 @@ TEST(TrustedSourcesStore, AMissingFileGetsTheSchemaANewerOneIsLeftAndALockedOneF
     const std::string abandoned = scratch / "abandoned.sqlite3";
     {
         SQLiteDatabase store(abandoned);
-        EXPECT_THROW(store.batch([&] {
-            store.addSource({"aa01", "CN=Alpha", {}});
-            throw std::runtime_error("the run ends");
-        }),
-                     std::runtime_error);
+        abandonedBatch(store, [&] { store.addSource({"aa01", "CN=Alpha", {}}); });
         expectUninitialised(store);
     }
     EXPECT_FALSE(SQLiteDatabase(abandoned).hasSource("aa01"));
     const std::string unused = scratch / "unused.sqlite3";
     { const SQLiteDatabase store(unused); }
-    EXPECT_EQ(SQLite::Database(unused)
-                  .execAndGet("SELECT data FROM configuration WHERE id='version'")
-                  .getInt(),
-              1);
+    EXPECT_TRUE(SQLite::Database(unused).tableExists("configuration"));
 
     // Another writer holds the lock: reading goes on, writing fails at once.
     check.exec("BEGIN IMMEDIATE");
     check.exec("INSERT INTO sources VALUES ('zz', 'CN=Other')");
     SQLiteDatabase store(path);
     EXPECT_TRUE(store.isRequired());
-    EXPECT_EQ(
-        failureOf([&] {
-            store.addSource({"aa01", "CN=Alpha", {}});
-        }),
-        std::make_pair(std::string("couldn't insert source into the trusted sources database"),
-                       std::string("ERROR: database is locked\n")));
+    const auto [message, logged] = failureOf([&] { store.addSource({"aa01", "CN=Alpha", {}}); });
+    EXPECT_EQ(message, "couldn't insert source into the trusted sources database");
+    EXPECT_EQ(logged, "ERROR: database is locked\n");
     check.exec("COMMIT");
     EXPECT_TRUE(store.hasSource("zz"));
     EXPECT_FALSE(store.hasSource("aa01"));
@@ -147,11 +145,7 @@ TEST(TrustedSourcesStore, SourcesBindingsAndBatches) {
             failureOf([&] { store.bindPackageToSource("demo.x", "unknown"); });
             store.setRequired(true);
         });
-        EXPECT_THROW(store.batch([&] {
-            store.bindPackageToSource("demo.clock", "aa01");
-            throw std::runtime_error("the run ends");
-        }),
-                     std::runtime_error);
+        abandonedBatch(store, [&] { store.bindPackageToSource("demo.clock", "aa01"); });
     }
     SQLiteDatabase reopened(path);
     EXPECT_EQ(reopened.source("aa01").packages, std::vector<std::string>{"demo.notes"});
@@ -179,10 +173,7 @@ TEST(TrustedSourcesStore, FilesThatCannotBeUsedAreLeftAsTheyAre) {
         EXPECT_EQ(fs::file_size("/tmp/ro/db.sqlite3"), 0u);
 
         // Junk is no database.
-        std::string junk(4096, '\0');
-        std::mt19937 random(7);
-        for (auto& byte : junk)
-            byte = static_cast<char>(random());
+        const std::string junk(4096, 'j');
         TestSupport::writeFile("/tmp/junk", junk);
         EXPECT_EQ(captureStderr([&] { store.emplace("/tmp/junk"); }),
                   "ERROR: file is not a database\n"
