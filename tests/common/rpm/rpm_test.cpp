@@ -40,10 +40,9 @@ std::string bigData() {
 TestSupport::FixturePackage everyKind(const std::string& compressor = "gzip",
                                       const std::string& payload = "w9.gzdio") {
     using namespace TestSupport;
-    FixtureFile hook = file("/etc/fixture-hook", "#!/bin/sh\n", 0755);
-    hook.config = true;
-    FixtureFile conf = file("/etc/fixture.conf", "key=value\n");
-    conf.config = true;
+    FixtureFile hook = file("/etc/fixture-hook", "#!/bin/sh\n", 0755),
+                conf = file("/etc/fixture.conf", "key=value\n");
+    hook.config = conf.config = true;
     return {"every-" + compressor,
             "2.0",
             "1",
