@@ -205,7 +205,6 @@ TEST(RpmFileIterator, FileListAndPayloadOfEveryKindInEachCompressionAndStoppedEa
             Extracted all;
             EXPECT_EQ(captureStderr([&] { all = extract(package); }), deviceWarning);
             EXPECT_EQ(all.lines, payloadOrder);
-            EXPECT_EQ(all.data.size(), 8u);
             EXPECT_TRUE(all.data.at("/usr/share/fixture/big") == bigData());
             EXPECT_EQ(all.data.at("/usr/share/fixture/x"), "second set\n");
         }
