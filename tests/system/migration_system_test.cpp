@@ -8,6 +8,7 @@
 #include "tests/support/signed_packages.hpp"
 #include "tests/support/test_pki.hpp"
 
+#include <SQLiteCpp/Database.h>
 #include <algorithm>
 #include <functional>
 #include <gtest/gtest.h>
@@ -362,15 +363,12 @@ TEST(Migration, AStoreThatCannotBeOpenedOrIsLockedStillCompletesTheRun) {
         storeFailure();
     });
     onSampleDevice([&] {
-        // Another process holds the store's write lock for the whole run.
+        // Another connection holds the store's write lock for the whole run.
         fs::create_directories("/var/lib/trusted-sources");
-        runProgram({"sh", "-c",
-                    "(echo 'create table t(x); begin exclusive; insert into t "
-                    "values(1);'; sleep 30) | sqlite3 "
-                    "/var/lib/trusted-sources/db.sqlite3 >/dev/null & "
-                    "sleep 0.5; echo $!"});
+        SQLite::Database holder("/var/lib/trusted-sources/db.sqlite3",
+                                SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE);
+        holder.exec("CREATE TABLE t(x); BEGIN EXCLUSIVE; INSERT INTO t VALUES(1)");
         storeFailure();
-        runProgram({"pkill", "-f", "sleep 30"});
     });
 }
 
