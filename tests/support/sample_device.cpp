@@ -82,11 +82,6 @@ FixturePackage looseTool() {
             std::nullopt, {},    {file("/usr/bin/loose-tool", "#!/bin/sh\n", 0755)}};
 }
 
-ProcessResult pkgsig(std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), std::string(TOLVA_BINARY_DIR) + "/bin/pkgsig");
-    return runProgram(arguments);
-}
-
 void check(const ProcessResult& result, const std::string& what) {
     if (!result.exited || result.status != 0)
         throw std::runtime_error(what + " failed: " + result.err);
@@ -94,21 +89,10 @@ void check(const ProcessResult& result, const std::string& what) {
 
 // Copies the package built from `package` to app.file and signs it as the app says.
 void buildApp(const FixturePackage& package, const SampleApp& app) {
-    const auto& pki = TestPki::shared();
     fs::create_directories(app.file.parent_path());
     fs::copy_file(buildPackage(package), app.file, fs::copy_options::overwrite_existing);
-    if (app.signer.empty())
-        return;
-    std::vector<std::string> sign = {"sign",
-                                     app.file.string(),
-                                     "--developer-key",
-                                     pki.key(app.signer).string(),
-                                     "--developer-cert",
-                                     pki.certificate(app.signer).string()};
-    if (!app.client.empty())
-        sign.insert(sign.end(), {"--client-key", pki.key(app.client).string(), "--client-cert",
-                                 pki.certificate(app.client).string()});
-    check(pkgsig(sign), "signing " + app.name);
+    if (!app.signer.empty())
+        check(signWithPkgsig(app.file, app.signer, app.client), "signing " + app.name);
 }
 
 } // namespace
@@ -141,10 +125,7 @@ SampleApp buildHarborNotesUpgrade(const fs::path& directory) {
 }
 
 void installSampleDevice(const std::vector<SampleApp>& apps) {
-    const auto& pki = TestPki::shared();
-    fs::create_directories("/etc/keys/packages");
-    fs::copy_file(pki.certificate("ca"), "/etc/keys/packages/ca.pem",
-                  fs::copy_options::overwrite_existing);
+    trustTestCa();
     std::vector<fs::path> files;
     for (const auto& app : apps)
         files.push_back(app.file);

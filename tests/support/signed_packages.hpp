@@ -29,26 +29,10 @@ inline PackageSignatures::SigningIdentity pkiIdentity(const std::string& name) {
                                                             TestPki::shared().certificate(name));
 }
 
-inline ProcessResult pkgsig(std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), std::string(TOLVA_BINARY_DIR) + "/bin/pkgsig");
-    return runProgram(arguments);
-}
-
 // Signs `package` in place with the test PKI's `developer` and, when given, `client`.
 inline void signPackage(const std::filesystem::path& package, const std::string& developer,
                         const std::string& client = "", std::vector<std::string> extra = {}) {
-    const auto& pki = TestPki::shared();
-    std::vector<std::string> arguments = {"sign",
-                                          package.string(),
-                                          "--developer-key",
-                                          pki.key(developer).string(),
-                                          "--developer-cert",
-                                          pki.certificate(developer).string()};
-    if (!client.empty())
-        arguments.insert(arguments.end(), {"--client-key", pki.key(client).string(),
-                                           "--client-cert", pki.certificate(client).string()});
-    arguments.insert(arguments.end(), extra.begin(), extra.end());
-    const auto result = pkgsig(arguments);
+    const auto result = signWithPkgsig(package, developer, client, extra);
     ASSERT_EQ(result.status, 0) << result.err;
 }
 
@@ -74,11 +58,6 @@ inline void signWithLibrary(const std::filesystem::path& package,
         cmses.push_back(signContent(identity, data.get(), files, std::nullopt));
     }
     file.writeWithSignatures(cmses, package);
-}
-
-// Inside a sandbox: makes the test PKI's CA the platform's package authority.
-inline void trustTestCa() {
-    writeFile("/etc/keys/packages/ca.pem", readFile(TestPki::shared().certificate("ca")));
 }
 
 // pkgsig always signs as a developer: a package with only the test client's signature.

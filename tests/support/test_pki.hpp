@@ -10,6 +10,7 @@
 #include <stdexcept>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace TestSupport {
 
@@ -60,5 +61,34 @@ private:
             throw std::runtime_error("test PKI: " + script.string() + " failed: " + made.err);
     }
 };
+
+// Runs this build tree's pkgsig with `arguments`.
+inline ProcessResult pkgsig(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), std::string(TOLVA_BINARY_DIR) + "/bin/pkgsig");
+    return runProgram(arguments);
+}
+
+// "pkgsig sign" of `package` in place with the test PKI's `developer` and, when given,
+// `client`; `extra` arguments follow.
+inline ProcessResult signWithPkgsig(const std::filesystem::path& package,
+                                    const std::string& developer, const std::string& client = "",
+                                    const std::vector<std::string>& extra = {}) {
+    const auto& pki = TestPki::shared();
+    std::vector<std::string> arguments{"sign", package};
+    arguments.insert(arguments.end(), {"--developer-key", pki.key(developer), "--developer-cert",
+                                       pki.certificate(developer)});
+    if (!client.empty())
+        arguments.insert(arguments.end(), {"--client-key", pki.key(client), "--client-cert",
+                                           pki.certificate(client)});
+    arguments.insert(arguments.end(), extra.begin(), extra.end());
+    return pkgsig(arguments);
+}
+
+// Inside a sandbox: makes the test PKI's CA the platform's package authority.
+inline void trustTestCa() {
+    std::filesystem::create_directories("/etc/keys/packages");
+    std::filesystem::copy_file(TestPki::shared().certificate("ca"), "/etc/keys/packages/ca.pem",
+                               std::filesystem::copy_options::overwrite_existing);
+}
 
 } // namespace TestSupport
