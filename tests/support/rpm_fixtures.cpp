@@ -15,14 +15,11 @@ namespace fs = std::filesystem;
 
 namespace {
 
-std::string octal(unsigned mode) {
-    std::ostringstream text;
-    text << std::oct << mode;
-    return text.str();
-}
-
 std::string attributes(const FixtureFile& file) {
-    return file.mode ? "%attr(" + octal(file.mode) + ",-,-) " : "";
+    std::ostringstream text;
+    if (file.mode)
+        text << "%attr(" << std::oct << file.mode << ",-,-) ";
+    return text.str();
 }
 
 // Shell single-quoting, for paths and link texts in %install.

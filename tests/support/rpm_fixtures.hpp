@@ -24,9 +24,9 @@ struct FixturePackage {
     std::string name;
     std::string version = "1.0";
     std::string release = "1";
-    std::optional<unsigned> epoch;
-    std::string payload; // "%_binary_payload", e.g. "w9.gzdio"; empty keeps the default
-    std::vector<FixtureFile> files;
+    std::optional<unsigned> epoch = std::nullopt;
+    std::string payload = {}; // "%_binary_payload", e.g. "w9.gzdio"; empty keeps the default
+    std::vector<FixtureFile> files = {};
     std::string preuninstall = {}; // a %preun scriptlet in RPM's own Lua (needs no shell); or none
 };
 

@@ -19,67 +19,55 @@ std::string manifest(const std::string& orgName, const std::string& appName) {
 }
 
 FixturePackage harborNotes() {
-    return {"harbor-notes",
-            "1.2.3",
-            "1",
-            std::nullopt,
-            {},
-            {directory("/usr/share/harbor-notes"),
-             directory("/usr/share/harbor-notes/data", 0750),
-             directory("/usr/libexec/harbor-notes"),
-             directory("/usr/lib/3rdparty/harbor-notes"),
-             file("/usr/bin/harbor-notes", "#!/bin/sh\necho notes\n", 0755),
-             file("/usr/libexec/harbor-notes/sync-helper", "#!/bin/sh\necho sync\n", 0750),
-             file("/usr/share/applications/harbor-notes.desktop", manifest("org.harbor", "Notes")),
-             file("/usr/share/icons/hicolor/86x86/apps/harbor-notes.png", "icon 86"),
-             file("/usr/share/icons/hicolor/128x128/apps/harbor-notes.png", "icon 128"),
-             file("/usr/share/harbor-notes/main.qml", "Item {}\n"),
-             {FixtureFile::Kind::File,
-              "/usr/share/harbor-notes/notes.conf",
-              "sync=on\n",
-              0644,
-              true,
-              {}},
-             file("/usr/lib/3rdparty/harbor-notes/libnotes.so.1", "not really ELF", 0755),
-             symlink("/usr/lib/3rdparty/harbor-notes/libnotes.so", "libnotes.so.1"),
-             {FixtureFile::Kind::File, "/usr/share/harbor-notes/data/words.db", "", 0, false,
-              "head -c 300000 /dev/zero | tr '\\0' 'w'"},
-             hardlink("/usr/share/harbor-notes/data/words-backup.db",
-                      "/usr/share/harbor-notes/data/words.db"),
-             symlink("/usr/share/harbor-notes/default.qml", "./main.qml"),
-             symlink("/usr/share/harbor-notes/helper", "/usr/libexec/harbor-notes/sync-helper")}};
+    FixtureFile config = file("/usr/share/harbor-notes/notes.conf", "sync=on\n", 0644);
+    config.config = true;
+    FixtureFile words = file("/usr/share/harbor-notes/data/words.db", "");
+    words.generate = "head -c 300000 /dev/zero | tr '\\0' 'w'";
+    return {
+        .name = "harbor-notes",
+        .version = "1.2.3",
+        .files = {
+            directory("/usr/share/harbor-notes"), directory("/usr/share/harbor-notes/data", 0750),
+            directory("/usr/libexec/harbor-notes"), directory("/usr/lib/3rdparty/harbor-notes"),
+            file("/usr/bin/harbor-notes", "#!/bin/sh\necho notes\n", 0755),
+            file("/usr/libexec/harbor-notes/sync-helper", "#!/bin/sh\necho sync\n", 0750),
+            file("/usr/share/applications/harbor-notes.desktop", manifest("org.harbor", "Notes")),
+            file("/usr/share/icons/hicolor/86x86/apps/harbor-notes.png", "icon 86"),
+            file("/usr/share/icons/hicolor/128x128/apps/harbor-notes.png", "icon 128"),
+            file("/usr/share/harbor-notes/main.qml", "Item {}\n"), config,
+            file("/usr/lib/3rdparty/harbor-notes/libnotes.so.1", "not really ELF", 0755),
+            symlink("/usr/lib/3rdparty/harbor-notes/libnotes.so", "libnotes.so.1"), words,
+            hardlink("/usr/share/harbor-notes/data/words-backup.db",
+                     "/usr/share/harbor-notes/data/words.db"),
+            symlink("/usr/share/harbor-notes/default.qml", "./main.qml"),
+            symlink("/usr/share/harbor-notes/helper", "/usr/libexec/harbor-notes/sync-helper")}};
 }
 
 FixturePackage quietClock() {
-    return {"quiet-clock",
-            "0.9",
-            "2",
-            std::nullopt,
-            {},
-            {directory("/usr/share/quiet-clock"),
-             file("/usr/bin/quiet-clock", "#!/bin/sh\necho tick\n", 0755),
-             file("/usr/share/quiet-clock/face.svg", "<svg/>\n")},
-            "local keep = io.open(\"/etc/quiet-clock.keep\")\n"
-            "if keep then\n"
-            "  if keep:read(\"a\") == \"wipe\" then os.remove(\"/usr/bin/quiet-clock\") end\n"
-            "  error(\"kept\")\n"
-            "end"};
+    return {.name = "quiet-clock",
+            .version = "0.9",
+            .release = "2",
+            .files = {directory("/usr/share/quiet-clock"),
+                      file("/usr/bin/quiet-clock", "#!/bin/sh\necho tick\n", 0755),
+                      file("/usr/share/quiet-clock/face.svg", "<svg/>\n")},
+            .preuninstall =
+                "local keep = io.open(\"/etc/quiet-clock.keep\")\n"
+                "if keep then\n"
+                "  if keep:read(\"a\") == \"wipe\" then os.remove(\"/usr/bin/quiet-clock\") end\n"
+                "  error(\"kept\")\n"
+                "end"};
 }
 
 FixturePackage platformSettings() {
-    return {"platform-settings",
-            "3.1",
-            "1",
-            std::nullopt,
-            {},
-            {file("/usr/bin/platform-settings", "#!/bin/sh\n", 0755),
-             file("/usr/share/applications/platform-settings.desktop",
-                  manifest("org.platform", "Settings"))}};
+    return {.name = "platform-settings",
+            .version = "3.1",
+            .files = {file("/usr/bin/platform-settings", "#!/bin/sh\n", 0755),
+                      file("/usr/share/applications/platform-settings.desktop",
+                           manifest("org.platform", "Settings"))}};
 }
 
 FixturePackage looseTool() {
-    return {"loose-tool", "1.0", "1",
-            std::nullopt, {},    {file("/usr/bin/loose-tool", "#!/bin/sh\n", 0755)}};
+    return {.name = "loose-tool", .files = {file("/usr/bin/loose-tool", "#!/bin/sh\n", 0755)}};
 }
 
 void check(const ProcessResult& result, const std::string& what) {
