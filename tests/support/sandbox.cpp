@@ -29,6 +29,8 @@ constexpr std::array overlaidTrees{"/usr", "/etc", "/var", "/opt", "/root"};
 // directories and sanitizer reports there, wherever the checkout lies (under /tmp too).
 constexpr std::array projectTrees{TOLVA_SOURCE_DIR, TOLVA_BINARY_DIR};
 
+bool entered = false; // by enterSandbox()
+
 [[noreturn]] void fail(const std::string& what) {
     throw std::runtime_error(what + ": " + std::strerror(errno));
 }
@@ -37,23 +39,6 @@ void mountOrFail(const char* source, const std::string& target, const char* type
                  unsigned long flags, const std::string& options) {
     if (::mount(source, target.c_str(), type, flags, options.empty() ? nullptr : options.c_str()))
         fail("mount " + std::string(type ? type : "") + " on " + target);
-}
-
-void writeFile(const fs::path& path, const std::string& text) {
-    std::ofstream file(path);
-    file << text;
-    if (!file.flush())
-        throw std::runtime_error("couldn't write " + path.string());
-}
-
-std::string readFd(int fd) {
-    std::string text;
-    ::lseek(fd, 0, SEEK_SET);
-    char buffer[65536];
-    ssize_t n;
-    while ((n = ::read(fd, buffer, sizeof buffer)) > 0)
-        text.append(buffer, static_cast<size_t>(n));
-    return text;
 }
 
 // Tries the whole recipe in a throw-away child, so the answer is the real one.
@@ -77,7 +62,7 @@ std::string probeSandbox() {
     ::waitpid(child, &status, 0);
     std::string reason;
     if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
-        reason = "cannot make a sandbox here: " + readFd(report);
+        reason = "cannot make a sandbox here: " + readFromStart(report);
     ::close(report);
     std::error_code ignored;
     fs::remove_all(scratch, ignored);
@@ -89,27 +74,8 @@ bool isWithin(const fs::path& tree, const fs::path& base) {
     return !inside.empty() && *inside.begin() != "..";
 }
 
-// An open handle on a directory that stays usable after a mount hides its path.
-class DirectoryHandle {
-public:
-    explicit DirectoryHandle(const fs::path& path)
-        : fd(::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)) {
-        if (fd < 0)
-            fail("open " + path.string());
-    }
-    DirectoryHandle(DirectoryHandle&& other) noexcept : fd(std::exchange(other.fd, -1)) {}
-    DirectoryHandle& operator=(DirectoryHandle&&) = delete;
-    ~DirectoryHandle() {
-        if (fd >= 0)
-            ::close(fd);
-    }
-    std::string procPath() const { return "/proc/self/fd/" + std::to_string(fd); }
-
-private:
-    int fd;
-};
-
-using HeldTrees = std::vector<std::pair<fs::path, DirectoryHandle>>;
+// Each project tree with an open handle on it, which stays usable after a mount hides its path.
+using HeldTrees = std::vector<std::pair<fs::path, int>>;
 
 // A handle on each project tree, taken before the mounts below hide it; a tree inside another
 // rides along with that one.
@@ -117,21 +83,37 @@ HeldTrees holdProjectTrees() {
     std::vector<fs::path> trees(projectTrees.begin(), projectTrees.end());
     std::sort(trees.begin(), trees.end()); // a tree sorts right before the trees inside it
     HeldTrees held;
-    for (const auto& tree : trees)
-        if (held.empty() || !isWithin(tree, held.back().first))
-            held.emplace_back(tree, DirectoryHandle(tree));
+    for (const auto& tree : trees) {
+        if (!held.empty() && isWithin(tree, held.back().first))
+            continue;
+        held.emplace_back(tree, ::open(tree.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+        if (held.back().second < 0)
+            fail("open " + tree.string());
+    }
     return held;
 }
 
-// Binds each held tree back at its own path, over the overlay or fresh tmpfs that now covers it.
+// Binds each held tree back at its own path, over the overlay or fresh tmpfs that now covers it,
+// and lets its handle go.
 void restoreProjectTrees(const HeldTrees& held) {
     for (const auto& [tree, handle] : held) {
         fs::create_directories(tree);
-        mountOrFail(handle.procPath().c_str(), tree, nullptr, MS_BIND | MS_REC, {});
+        const auto source = "/proc/self/fd/" + std::to_string(handle);
+        mountOrFail(source.c_str(), tree, nullptr, MS_BIND | MS_REC, {});
+        ::close(handle);
     }
 }
 
 } // namespace
+
+std::string readFromStart(int fd) {
+    std::string text;
+    ::lseek(fd, 0, SEEK_SET);
+    char buffer[65536];
+    for (ssize_t n; (n = ::read(fd, buffer, sizeof buffer)) > 0;)
+        text.append(buffer, static_cast<size_t>(n));
+    return text;
+}
 
 const std::string& sandboxUnavailableReason() {
     static const std::string reason = probeSandbox();
@@ -144,10 +126,6 @@ fs::path makeSandboxScratch(const fs::path& parent) {
         fail("mkdtemp");
     return pattern;
 }
-
-namespace {
-bool entered = false;
-} // namespace
 
 // A program that tolva-sandbox started did not enter the sandbox itself: it is known by a
 // mount namespace other than the init process's.
@@ -179,7 +157,8 @@ void enterSandbox(const fs::path& scratch) {
 
     // A device keeps its RPM database in the system tree, not under the user's home.
     fs::create_directories("/etc/rpm");
-    writeFile("/etc/rpm/macros.dbpath", "%_dbpath /var/lib/rpm\n");
+    if (!(std::ofstream("/etc/rpm/macros.dbpath") << "%_dbpath /var/lib/rpm\n").flush())
+        throw std::runtime_error("couldn't write /etc/rpm/macros.dbpath");
     ::setenv("HOME", "/root", 1);
     entered = true;
 }
@@ -215,8 +194,8 @@ ProcessResult runProgram(const std::vector<std::string>& argv, const std::string
     ProcessResult result;
     result.exited = WIFEXITED(status);
     result.status = result.exited ? WEXITSTATUS(status) : WTERMSIG(status);
-    result.out = readFd(out);
-    result.err = readFd(err);
+    result.out = readFromStart(out);
+    result.err = readFromStart(err);
     ::close(in);
     ::close(out);
     ::close(err);

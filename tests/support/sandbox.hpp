@@ -23,8 +23,8 @@ void enterSandbox(const std::filesystem::path& scratch);
 bool insideSandbox();
 
 // A new scratch directory on the host for one sandbox.
-std::filesystem::path makeSandboxScratch(
-    const std::filesystem::path& parent = std::filesystem::temp_directory_path());
+std::filesystem::path
+makeSandboxScratch(const std::filesystem::path& parent = std::filesystem::temp_directory_path());
 
 struct ProcessResult {
     bool exited = false; // ended by exit() rather than a signal
@@ -32,6 +32,9 @@ struct ProcessResult {
     std::string out;
     std::string err;
 };
+
+// What the file open as `fd` holds, read from its start.
+std::string readFromStart(int fd);
 
 // Runs a program to its end with the given standard input and collects what it printed.
 ProcessResult runProgram(const std::vector<std::string>& argv, const std::string& input = {});

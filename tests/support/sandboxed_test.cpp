@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <iostream>
 #include <sys/mman.h>
 #include <sys/wait.h>
@@ -58,24 +59,19 @@ std::string captureStderr(const std::function<void()>& body) {
     const int buffer = ::memfd_create("stderr", 0);
     const int saved = ::dup(2);
     ::dup2(buffer, 2);
+    std::exception_ptr thrown;
     try {
         body();
     } catch (...) {
-        ::dup2(saved, 2);
-        ::close(saved);
-        ::close(buffer);
-        throw;
+        thrown = std::current_exception();
     }
     std::cerr.flush();
     ::dup2(saved, 2);
     ::close(saved);
-    std::string text;
-    ::lseek(buffer, 0, SEEK_SET);
-    char chunk[4096];
-    ssize_t n;
-    while ((n = ::read(buffer, chunk, sizeof chunk)) > 0)
-        text.append(chunk, static_cast<size_t>(n));
+    std::string text = readFromStart(buffer);
     ::close(buffer);
+    if (thrown)
+        std::rethrow_exception(thrown);
     return text;
 }
 
