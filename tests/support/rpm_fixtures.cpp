@@ -55,19 +55,12 @@ std::string filesLine(const FixtureFile& file) {
     std::string prefix = attributes(file);
     if (file.config)
         prefix += "%config ";
-    switch (file.kind) {
-    case FixtureFile::Kind::Directory:
+    if (file.kind == FixtureFile::Kind::Directory)
         prefix += "%dir ";
-        break;
-    case FixtureFile::Kind::CharDevice:
+    else if (file.kind == FixtureFile::Kind::CharDevice)
         prefix = "%dev(c,1,3) " + (file.mode ? prefix : "%attr(644,-,-) ");
-        break;
-    case FixtureFile::Kind::Ghost:
+    else if (file.kind == FixtureFile::Kind::Ghost)
         prefix += "%ghost ";
-        break;
-    default:
-        break;
-    }
     return prefix + "\"" + file.path + "\"\n";
 }
 

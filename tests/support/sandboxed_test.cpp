@@ -11,18 +11,9 @@
 
 namespace TestSupport {
 
-namespace {
-
-bool underCi() {
-    const char* ci = std::getenv("CI");
-    return ci && std::strcmp(ci, "true") == 0;
-}
-
-} // namespace
-
 SandboxOutcome runInSandbox(const std::function<void()>& body) {
     if (const auto& reason = sandboxUnavailableReason(); !reason.empty()) {
-        if (underCi()) {
+        if (const char* ci = std::getenv("CI"); ci && std::strcmp(ci, "true") == 0) {
             ADD_FAILURE() << "CI needs the sandbox, and " << reason;
             return {};
         }
