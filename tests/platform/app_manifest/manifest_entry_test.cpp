@@ -1,7 +1,6 @@
 #include "platform/app_manifest/manifest_entry.hpp"
 
 #include <gtest/gtest.h>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -24,7 +23,12 @@ ApplicationName[fi]=Sää
 ApplicationName=Weather\sStation\\Pro
 )";
 
-const std::string crlfEntry = std::regex_replace(desktopEntry, std::regex("\n"), "\r\n");
+const std::string crlfEntry = [] {
+    std::string text;
+    for (const char c : desktopEntry)
+        text += c == '\n' ? std::string("\r\n") : std::string(1, c);
+    return text;
+}();
 
 TEST(ManifestEntry, NamesComeUntranslatedAndUnescapedOrEmptyAndOtherFilesAreNoManifest) {
     // Files are read by the start-up pass from the installed manifests.
