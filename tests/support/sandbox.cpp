@@ -74,8 +74,27 @@ bool isWithin(const fs::path& tree, const fs::path& base) {
     return !inside.empty() && *inside.begin() != "..";
 }
 
-// Each project tree with an open handle on it, which stays usable after a mount hides its path.
-using HeldTrees = std::vector<std::pair<fs::path, int>>;
+// An open handle on a directory that stays usable after a mount hides its path.
+class DirectoryHandle {
+public:
+    explicit DirectoryHandle(const fs::path& path)
+        : fd(::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)) {
+        if (fd < 0)
+            fail("open " + path.string());
+    }
+    DirectoryHandle(DirectoryHandle&& other) noexcept : fd(std::exchange(other.fd, -1)) {}
+    DirectoryHandle& operator=(DirectoryHandle&&) = delete;
+    ~DirectoryHandle() {
+        if (fd >= 0)
+            ::close(fd);
+    }
+    std::string procPath() const { return "/proc/self/fd/" + std::to_string(fd); }
+
+private:
+    int fd;
+};
+
+using HeldTrees = std::vector<std::pair<fs::path, DirectoryHandle>>;
 
 // A handle on each project tree, taken before the mounts below hide it; a tree inside another
 // rides along with that one.
@@ -83,24 +102,17 @@ HeldTrees holdProjectTrees() {
     std::vector<fs::path> trees(projectTrees.begin(), projectTrees.end());
     std::sort(trees.begin(), trees.end()); // a tree sorts right before the trees inside it
     HeldTrees held;
-    for (const auto& tree : trees) {
-        if (!held.empty() && isWithin(tree, held.back().first))
-            continue;
-        held.emplace_back(tree, ::open(tree.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-        if (held.back().second < 0)
-            fail("open " + tree.string());
-    }
+    for (const auto& tree : trees)
+        if (held.empty() || !isWithin(tree, held.back().first))
+            held.emplace_back(tree, DirectoryHandle(tree));
     return held;
 }
 
-// Binds each held tree back at its own path, over the overlay or fresh tmpfs that now covers it,
-// and lets its handle go.
+// Binds each held tree back at its own path, over the overlay or fresh tmpfs that now covers it.
 void restoreProjectTrees(const HeldTrees& held) {
     for (const auto& [tree, handle] : held) {
         fs::create_directories(tree);
-        const auto source = "/proc/self/fd/" + std::to_string(handle);
-        mountOrFail(source.c_str(), tree, nullptr, MS_BIND | MS_REC, {});
-        ::close(handle);
+        mountOrFail(handle.procPath().c_str(), tree, nullptr, MS_BIND | MS_REC, {});
     }
 }
 
