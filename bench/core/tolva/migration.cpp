@@ -173,18 +173,9 @@ fs::path signedCopy(const fs::path& built, bool client) {
     fs::create_directories(result.parent_path());
     const fs::path partial = result.string() + ".partial";
     fs::copy_file(built, partial, fs::copy_options::overwrite_existing);
-    const auto& pki = TestSupport::TestPki::shared();
-    std::vector<std::string> sign = {pkgsig,
-                                     "sign",
-                                     partial.string(),
-                                     "--developer-key",
-                                     pki.key("developer").string(),
-                                     "--developer-cert",
-                                     pki.certificate("developer").string()};
-    if (client)
-        sign.insert(sign.end(), {"--client-key", pki.key("client").string(), "--client-cert",
-                                 pki.certificate("client").string()});
-    checkRun(sign);
+    const auto signing = TestSupport::signWithPkgsig(partial, "developer", client ? "client" : "");
+    if (!signing.exited || signing.status != 0)
+        die("pkgsig sign failed: " + signing.err);
     fs::rename(partial, result);
     return result;
 }
@@ -262,8 +253,7 @@ fs::path tempOf(Layout layout) {
 }
 
 void installDevice(const Device& device, Layout layout) {
-    fs::create_directories("/etc/keys/packages");
-    fs::copy_file(TestSupport::TestPki::shared().certificate("ca"), "/etc/keys/packages/ca.pem");
+    TestSupport::trustTestCa();
     TestSupport::installPackages(device.packages);
     fs::copy(device.signatures, "/var/lib/package-signatures", fs::copy_options::recursive);
     fs::create_directories("/var/lib/tolva");
