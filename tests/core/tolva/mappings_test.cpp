@@ -198,19 +198,21 @@ TEST(CreateMappings, AFailureInTheMiddleRemovesEveryMappingMadeSoFar) {
 
         const std::string failed = "/etc/connman/vpn-plugin/sub/.vpn.conf.tolva-mapping";
         const std::string locked = "/usr/share/demo.notes/locked/file";
-        const std::string copy = "\"" + v.string() + "/connman/config/sub/vpn.conf\"";
-        const auto log = lines(failedRun(v, "demo.notes")); // before the removals below
+        const std::string copy = "\"" + (v / "connman/config/sub/vpn.conf").native() + "\"";
+        const auto log = lines(failedRun(v, "demo.notes"));
+        // Tried only now: each removal is one that the run could not make.
+        const std::string failedCause = removalFailure(failed),
+                          lockedCause = removalFailure(locked);
         EXPECT_EQ(
             log,
             (std::vector<std::string>{
-                "WARN: couldn't remove prepared mapping: \"" + failed +
-                    "\": " + removalFailure(failed),
+                "WARN: couldn't remove prepared mapping: \"" + failed + "\": " + failedCause,
                 "ERROR: couldn't create mapping " + copy +
                     " -> \"/etc/connman/vpn-plugin/sub/vpn.conf\"",
                 "ERROR: couldn't attach user.tolva.mapping.target extended attribute to " + failed,
                 "INFO: cleaning up created mappings",
                 "WARN: couldn't clean up created mapping: \"" + locked + "\"",
-                "WARN: " + removalFailure(locked)}));
+                "WARN: " + lockedCause}));
         EXPECT_FALSE(present("/usr/bin/tool"));
         EXPECT_FALSE(present("/usr/share/demo.notes/free/file"));
         EXPECT_FALSE(present(v / "symlink.list"));
