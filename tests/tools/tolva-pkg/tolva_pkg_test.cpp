@@ -130,7 +130,8 @@ TEST(TolvaPkg, OnAMigratedDeviceRefusesThenUpgradesRemovesAndInstallsAgain) {
         EXPECT_EQ(verify.status, 0) << verify.out;
 
         // Fresh installs from the signed files into a fresh store, each bound to its client's
-        // source or to none, which switches "required" off.
+        // source or to none, which switches "required" off; the hard-link set, unpacked in the
+        // temporary directory, is still one file.
         succeed({"remove", "quiet-clock"});
         fs::remove("/var/lib/trusted-sources/db.sqlite3");
         EXPECT_EQ(succeed({"install", apps[0].file}), "installed harbor-notes 1.2.3-1\n");
@@ -140,6 +141,8 @@ TEST(TolvaPkg, OnAMigratedDeviceRefusesThenUpgradesRemovesAndInstallsAgain) {
         EXPECT_EQ(sql("select data from configuration where id = 'required';"), "0\n");
         const fs::path version = notes / "1.2.3-1";
         EXPECT_EQ(fs::read_symlink(notes / "current"), version);
+        EXPECT_TRUE(
+            fs::equivalent(version / "data/data/words.db", version / "data/data/words-backup.db"));
         EXPECT_EQ(fs::status(version).permissions(), fs::perms(0755));
         EXPECT_EQ(readFile(version / "velmor.pkg"), "[general]\nappname=Notes\nid=harbor-notes\n"
                                                     "orgname=org.harbor\nversion=1.2.3-1\n"
